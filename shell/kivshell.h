@@ -1,0 +1,21 @@
+// Start-up, configuration file and the main loop.
+#pragma once
+
+#include <cstdint>
+
+#define KIV_SDK_VERSION 0x040A0000u
+#define KIV_BUILD_STRING "20210719"
+#define KIV_LINE_SIZE 1024
+#define KIV_PROMPT_SIZE 64
+
+int kivshell_main(int argc, char **argv);
+
+void kiv_loadConfig(void);
+int kiv_processLine(char *line, int length);
+int kiv_buildPrompt(char *prompt, int size, char *line, signed char lastTerminator);
+
+extern char kiv_prompt[KIV_PROMPT_SIZE];
+extern int kiv_promptLen;
+
+// Console line editor: returns the characters in line (newline included) or -1.
+int kiv_readLine(char *line, signed char lastTerminator);

@@ -1,0 +1,139 @@
+#include "run_tool.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+const char *const kSdkLine = "# SDK version 040a0000\r\n#\r\n";
+
+namespace {
+std::vector<std::string> &tempDirs() {
+  static std::vector<std::string> dirs;
+  static bool registered = false;
+  if (!registered) {
+    registered = true;
+    std::atexit([] {
+      std::error_code ec;
+      if (getenv("KIVTEST_KEEP")) return;
+      for (auto &d : tempDirs()) std::filesystem::remove_all(d, ec);
+    });
+  }
+  return dirs;
+}
+}  // namespace
+
+std::string make_temp_dir(const char *tag) {
+  std::string tmpl = (std::filesystem::temp_directory_path() / (std::string(tag) + "-XXXXXX")).string();
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (!mkdtemp(buf.data())) return {};
+  std::string dir(buf.data());
+  tempDirs().push_back(dir);
+  return dir;
+}
+
+void write_file(const std::string &path, const std::string &content) {
+  std::ofstream f(path, std::ios::binary | std::ios::trunc);
+  f << content;
+}
+
+std::string read_file(const std::string &path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+ToolResult run_tool(const ToolRun &run) {
+  ToolResult res;
+  std::string cwd = run.cwd.empty() ? make_temp_dir() : run.cwd;
+  int inPipe[2], outPipe[2], errPipe[2];
+  if (pipe(inPipe) || pipe(outPipe) || pipe(errPipe)) return res;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(inPipe[0], 0);
+    dup2(outPipe[1], 1);
+    dup2(errPipe[1], 2);
+    for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) close(fd);
+    if (chdir(cwd.c_str()) != 0) _exit(126);
+    unsetenv("KIVTOOL_SIM");
+    unsetenv("KIVTOOL_SIM_FAULTS");
+    unsetenv("KIVTOOL_PCAP");
+    unsetenv("KIVTOOL_TRACE");
+    bool hasSim = false;
+    for (auto &[k, v] : run.env) {
+      setenv(k.c_str(), v.c_str(), 1);
+      if (k == "KIVTOOL_SIM") hasSim = true;
+    }
+    if (run.sim && !hasSim) setenv("KIVTOOL_SIM", (cwd + "/sim").c_str(), 1);
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(KIVTOOL_PATH));
+    for (auto &a : run.args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(KIVTOOL_PATH, argv.data());
+    _exit(127);
+  }
+  close(inPipe[0]);
+  close(outPipe[1]);
+  close(errPipe[1]);
+  signal(SIGPIPE, SIG_IGN);
+  size_t written = 0;
+  if (run.input.empty()) {
+    close(inPipe[1]);
+    inPipe[1] = -1;
+  } else {
+    fcntl(inPipe[1], F_SETFL, O_NONBLOCK);
+  }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(run.timeoutMs);
+  bool outOpen = true, errOpen = true;
+  while (outOpen || errOpen) {
+    pollfd fds[3];
+    int n = 0;
+    if (outOpen) fds[n++] = {outPipe[0], POLLIN, 0};
+    if (errOpen) fds[n++] = {errPipe[0], POLLIN, 0};
+    if (inPipe[1] >= 0) fds[n++] = {inPipe[1], POLLOUT, 0};
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    if (left <= 0) {
+      res.timedOut = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    if (poll(fds, n, (int)std::min<long long>(left, 200)) < 0) continue;
+    for (int i = 0; i < n; i++) {
+      if (!fds[i].revents) continue;
+      if (fds[i].fd == inPipe[1]) {
+        ssize_t w = write(inPipe[1], run.input.data() + written, run.input.size() - written);
+        if (w > 0) written += (size_t)w;
+        if (w < 0 || written == run.input.size()) {
+          close(inPipe[1]);
+          inPipe[1] = -1;
+        }
+        continue;
+      }
+      char buf[65536];
+      ssize_t r = read(fds[i].fd, buf, sizeof buf);
+      if (r <= 0) {
+        if (fds[i].fd == outPipe[0]) outOpen = false; else errOpen = false;
+        continue;
+      }
+      (fds[i].fd == outPipe[0] ? res.out : res.err).append(buf, (size_t)r);
+    }
+  }
+  if (inPipe[1] >= 0) close(inPipe[1]);
+  close(outPipe[0]);
+  close(errPipe[0]);
+  int st = 0;
+  waitpid(pid, &st, 0);
+  res.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  return res;
+}

@@ -1,0 +1,33 @@
+// Runs build/kivtool as a user would (one-shot arguments or piped input) and captures
+// what it prints. Used by the black-box tests.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct ToolResult {
+  std::string out;   // standard output, byte for byte
+  std::string err;   // standard error
+  int status = -1;   // exit status, or 128 + signal
+  bool timedOut = false;
+};
+
+struct ToolRun {
+  std::vector<std::string> args;                          // program arguments
+  std::string input;                                      // written to standard input
+  std::vector<std::pair<std::string, std::string>> env;   // added to the environment
+  std::string cwd;                                        // working directory (default: a fresh temp dir)
+  int timeoutMs = 20000;
+  bool sim = true;                                        // set KIVTOOL_SIM=<cwd>/sim unless env has it
+};
+
+ToolResult run_tool(const ToolRun &run);
+
+// A fresh empty directory under the system temp directory, removed at exit.
+std::string make_temp_dir(const char *tag = "kivtest");
+void write_file(const std::string &path, const std::string &content);
+std::string read_file(const std::string &path);
+
+// The start-up text printed before a one-shot command's own output.
+extern const char *const kSdkLine;   // "# SDK version 040a0000\r\n#\r\n"
