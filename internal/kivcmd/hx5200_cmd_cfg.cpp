@@ -1,4 +1,163 @@
+// Configuration and status commands: `set` changes the shell's own settings (register
+// interface, MIB number format, MDIO and I2C ids, chip version); `get` reports the
+// firmware and chip versions.
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "access/access.h"
+#include "access/usbio.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 
-kiv_int32 hx5200_cmd_set(kiv_uint32 uid, kiv_int32 argc, void **argv) { return hx5200_cmd_notSupported(uid, argc, argv); }
-kiv_int32 hx5200_cmd_get(kiv_uint32 uid, kiv_int32 argc, void **argv) { return hx5200_cmd_notSupported(uid, argc, argv); }
+uint8_t hx_mibFormat = 0;     // 0 decimal, 1 hexadecimal
+uint8_t hx_chipVersion = 1;   // 0..3 = versions a..d
+
+namespace {
+
+// Version registers of the switch (switch-core page).
+constexpr uint32_t kFwVersionReg = 0x4A1F0100u;
+constexpr uint32_t kChipVersionReg = 0x4A1F0104u;
+
+using SetFn = kiv_int32 (*)(void **argv);
+
+kiv_int32 setRegif(void **argv) {
+  const char *name = cmd_nextStr(argv);
+  if (name == nullptr) return 0;
+  const std::string_view word(name);
+  if (word == "i2c")
+    (void)usbio_use_i2c();
+  else if (word == "smi")
+    (void)usbio_use_smi();
+  else if (word == "spi")
+    (void)usbio_use_spi();
+  else
+    access_if_set(ACCESS_IF_I2C);   // selects I2C without registering its pair
+  return 0;
+}
+
+kiv_int32 setMibfmt(void **argv) {
+  const char *name = cmd_nextStr(argv);
+  if (name != nullptr) hx_mibFormat = std::string_view(name) == "hex" ? 1 : 0;
+  return 0;
+}
+
+kiv_int32 setMdxid(void **argv) {
+  uint32_t id = 0;
+  if (cmd_nextU32(argv, &id)) mdcaddrid = static_cast<uint8_t>(id);
+  return 0;
+}
+
+kiv_int32 setI2cid(void **argv) {
+  uint32_t id = 0;
+  if (!cmd_nextU32(argv, &id)) return 0;
+  i2caddrid = static_cast<uint8_t>(id);   // not limited to three bits here
+  // Reopen the adapter so that it is configured with the new device address.
+  (void)usbio_close(usbio_handle, 0);
+  usbio_connect();
+  return 0;
+}
+
+struct ChipVersionWord {
+  std::string_view lower;
+  std::string_view upper;
+  uint8_t version;
+};
+constexpr std::array<ChipVersionWord, 4> kChipVersions{{
+    {"a", "A", 0},
+    {"b", "B", 1},
+    {"c", "C", 2},
+    {"d", "D", 3},
+}};
+
+kiv_int32 setChipver(void **argv) {
+  const char *name = cmd_nextStr(argv);
+  if (name == nullptr) return 0;
+  const std::string_view word(name);
+  hx_chipVersion = 1;   // any other text is version b
+  for (const ChipVersionWord &row : kChipVersions)
+    if (word == row.lower || word == row.upper) hx_chipVersion = row.version;
+  return 0;
+}
+
+kiv_int32 acceptOnly(void **) { return 0; }
+
+// Words of `set` in the order they are compared. A null function marks a word whose
+// driver action this tool does not have.
+struct SetWord {
+  std::string_view word;
+  SetFn fn;
+};
+constexpr std::array<SetWord, 27> kSetWords{{
+    {"regif", setRegif},
+    {"mibfmt", setMibfmt},
+    {"mdxid", setMdxid},
+    {"i2cid", setI2cid},
+    {"autocal", nullptr},
+    {"chipver", setChipver},
+    {"rwake", nullptr},
+    {"reset", nullptr},
+    {"portmode", nullptr},
+    {"portmodeinternal", nullptr},
+    {"savecontest", acceptOnly},
+    {"wrimage", nullptr},
+    {"wrrotcfg", nullptr},
+    {"wrpatch", nullptr},
+    {"wrptpconfig", nullptr},
+    {"wrfwconfig", nullptr},
+    {"wrrotconfig", nullptr},
+    {"getcontest", acceptOnly},
+    {"setest", acceptOnly},
+    {"read36ktest", acceptOnly},
+    {"read04ktest", acceptOnly},
+    {"write04ktest", acceptOnly},
+    {"e0tdly", acceptOnly},
+    {"e0rdly", acceptOnly},
+    {"spich", acceptOnly},
+    {"spispd", acceptOnly},
+    {"spils", acceptOnly},
+}};
+
+constexpr std::array<const char *, 5> kChipVersionText{{
+    nullptr,
+    "\nSwitch Chip Version: ES1",
+    "\nSwitch Chip Version: ES2",
+    "\nSwitch Chip Version: ES3",
+    "\nSwitch Chip Version: Formal Chip",
+}};
+
+}  // namespace
+
+kiv_int32 hx5200_cmd_set(kiv_uint32, kiv_int32, void **argv) {
+  const char *word = cmd_nextStr(argv);
+  kiv_int32 rc = 0;
+  if (word != nullptr) {
+    for (const SetWord &row : kSetWords) {
+      if (row.word != word) continue;
+      if (row.fn != nullptr) {
+        rc = row.fn(argv);
+      } else {
+        printf("set %s: not supported\n", word);
+        rc = -1;
+      }
+      break;
+    }
+  }
+  puts("SET CMD Over");
+  return rc;
+}
+
+kiv_int32 hx5200_cmd_get(kiv_uint32, kiv_int32, void **argv) {
+  const char *word = cmd_nextStr(argv);
+  const std::string_view w = word != nullptr ? std::string_view(word) : std::string_view();
+  uint32_t value = 0;
+  if (w == "fwver") {
+    if (reg_read(1, kFwVersionReg, &value) == 0) printf("\nFirmware Version 0x%x\n", value);
+  } else if (w == "chipver") {
+    if (reg_read(1, kChipVersionReg, &value) == 0 && value < kChipVersionText.size() &&
+        kChipVersionText[value] != nullptr)
+      puts(kChipVersionText[value]);
+  }
+  puts("GET CMD Over");
+  return 0;
+}
