@@ -39,9 +39,19 @@ uint32_t take_write_width(uint32_t addr);
 uint16_t mdio_read(uint8_t phy, uint8_t reg);
 void mdio_write(uint8_t phy, uint8_t reg, uint16_t value);
 
+// Flash-write exchanges of the adapter (0x15, 0x25, 0x45) hand their data to this sink
+// (flash address, data, length, flag byte); the flash model may install one. Without a sink
+// the adapter accepts the data and drops them.
+using FlashSink = void (*)(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag);
+void set_flash_sink(FlashSink fn);
+
+// Functions run by sim_detach() before the board's state is closed (for units that keep
+// mappings or files of their own). At most 8; registering the same function twice is a no-op.
+void at_detach(void (*fn)(void));
+
 // Directory of the board's state, and a numeric knob from the environment
 // (KIVTOOL_SIM_<NAME>), for time-out and fault tests.
-const char *state_dir(void);
+const char *state_dir(void);   // null while no board is attached
 long knob(const char *name, long dflt);
 
 }  // namespace sim
