@@ -28,3 +28,67 @@ kiv_int32 ciscoCmdRunString(char *line, const kiv_cmd_t *command, const char *de
 void ciscoCmdParserReset(void);
 // Output mode of the session, consulted by the help printer (bits 0 and 1 clear: binary).
 void ciscoCmdParserSetOutputMode(kiv_uint32 mode);
+
+// ---------------------------------------------------------------------------------------
+// Additions: node records, inspection of the last parse, reply hooks, clearing policy.
+
+// One node of the command graph.
+struct kiv_parseNode_t {
+  // flags
+  kiv_uint8 node : 1;           // takes part in chains (root, keyword, parameter, braces,
+                                // end node, dummy node)
+  kiv_uint8 isKeyword : 1;
+  kiv_uint8 isParam : 1;
+  kiv_uint8 isGroupStart : 1;   // "{"
+  kiv_uint8 isGroupEnd : 1;     // "}"
+  kiv_uint8 isOptionStart : 1;  // "["
+  kiv_uint8 isAlternative : 1;  // "|"
+  kiv_uint8 endCommand : 1;     // "<cr>"
+  // attributes
+  kiv_uint8 repeat : 1;         // carries a repeat range
+  kiv_uint8 attrSpare : 7;
+  kiv_uint16 len;               // text length; a parameter's value size after a match
+  kiv_uint16 prevIndex;         // matched before this node on the current path
+  kiv_uint16 nextIndex;         // matched after this node; 0 ends the path
+  kiv_uint16 groupIndex;        // "{" of the group an alternative ends in
+  kiv_uint16 repeatCount;       // times matched on the current path
+  kiv_uint16 min_repeat;
+  kiv_uint16 max_repeat;
+  kiv_uint16 readCount;         // values already handed out
+  void *text;                   // keyword/brace/"<cr>" text, or a parameter's value slot
+  const kiv_paramType_t *paramType;
+  const char *help;
+};
+
+// Candidate node indices collected for help, completion and error reports.
+struct kiv_candidateList_t {
+  kiv_uint32 index[MAX_TOKENS];
+  kiv_uint32 count;
+};
+
+// Node index of a saved-path word (as handed to a handler or advanced by
+// ciscoCmdGetNextToken); 0 for a null or foreign word. The dispatcher uses it to collect
+// the candidates after the last accepted node.
+kiv_uint32 ciscoCmdParserPathNodeIndex(const void *savedPath);
+
+// Read-only view of the last parse (diagnostics and tests).
+const kiv_parseNode_t *ciscoCmdParserNode(kiv_uint32 index);   // null past MAX_TOKENS
+int ciscoCmdParserLinked(kiv_uint32 from, kiv_uint32 to);      // 1 when `to` may follow `from`
+kiv_uint32 ciscoCmdParserNodeUsed(void);
+kiv_uint32 ciscoCmdParserTempBufferUsed(void);
+kiv_uint32 ciscoCmdParserValueStart(void);                     // end of the reserved slots
+const kiv_candidateList_t *ciscoCmdParserCandidates(void);
+
+// Binary reply used by the help printer when the output mode has bits 0 and 1 clear:
+// start a message, add one string item per candidate text, finish the message.
+struct kiv_replyHooks_t {
+  void (*start)(void);
+  void (*addString)(const char *text);
+  void (*finish)(void);
+};
+void ciscoCmdParserSetReplyHooks(const kiv_replyHooks_t *hooks);   // null: no reply
+
+// Clearing policy before each parse: false (default) clears only the node records and link
+// rows/columns that earlier parses touched; true clears all 2048 records and the whole link
+// matrix every time (the reference cost, used by the benchmark).
+void ciscoCmdParserSetFullClear(bool full);
