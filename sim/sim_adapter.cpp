@@ -29,8 +29,9 @@ struct FaultAt {
 std::array<FaultAt, 64> g_faults{};
 size_t g_nFaults = 0;
 
-constexpr std::array<std::pair<std::string_view, Fault>, 5> kFaultNames = {{
+constexpr std::array<std::pair<std::string_view, Fault>, 6> kFaultNames = {{
     {"nak", Fault::nak},
+    {"datamissing", Fault::datamissing},
     {"badstatus", Fault::badstatus},
     {"nocomplete", Fault::nocomplete},
     {"wrongcode", Fault::wrongcode},
@@ -93,6 +94,7 @@ struct Pending {
   uint8_t phy = 0, reg = 0;
   uint8_t flag = 0;
   bool noComplete = false;
+  bool dataMissing = false;   // fault: claim the data never arrived
 };
 Pending g_pend;
 
@@ -216,7 +218,7 @@ void on_header(const uint8_t *b, size_t size) {
       ok = size == kHdr && b[6] == kHdr && b[7] == 1 && alen == 0 && wlen > 0 &&
            sub == (code == 0x45 ? 0 : 1) && (code != 0x15 || i2cOk);
       if (!ok) break;
-      g_pend = {true, code, wlen, be32(b + 15), 0, 0, b[20], noComplete};
+      g_pend = {true, code, wlen, be32(b + 15), 0, 0, b[20], noComplete, f == Fault::datamissing};
       return push_status(kAck);
     default:
       break;
@@ -226,7 +228,7 @@ void on_header(const uint8_t *b, size_t size) {
 
 void on_data(const uint8_t *b, size_t size) {
   const bool flash = g_pend.code == 0x15 || g_pend.code == 0x25 || g_pend.code == 0x45;
-  if (size != g_pend.dataLen + 4u) {
+  if (size != g_pend.dataLen + 4u || g_pend.dataMissing) {
     // A register write keeps waiting for its data; a flash write asks for it again.
     if (flash) {
       g_pend = Pending{};

@@ -35,7 +35,7 @@ void width_notice(uint32_t addr, uint32_t width);
 void core_volatile_reset(void);
 
 // ---- adapter (sim_adapter.cpp) -------------------------------------------------------
-enum class Fault : uint8_t { none, nak, badstatus, nocomplete, wrongcode, unplug };
+enum class Fault : uint8_t { none, nak, badstatus, nocomplete, wrongcode, unplug, datamissing };
 // Parse "kind@n[,kind@n...]"; unknown entries are reported on stderr and skipped.
 void faults_parse(const char *text);
 void adapter_reset(void);

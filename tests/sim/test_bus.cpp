@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 
 #include "board_harness.h"
 #include "sim/sim_chip.h"
@@ -154,4 +156,37 @@ TEST(Faults, UnplugTakesTheAdapterOffTheBusForGood) {
   unsetenv("KIVTOOL_SIM_FAULTS");
   b.reattach();
   EXPECT_EQ(b.i2c_read(0x50), 1u);
+}
+
+// A register exchange must cost microseconds of CPU, never a system call or a sleep: a loose
+// bound here catches an accidental per-transfer syscall, allocation storm or wait.
+TEST(Bus, ExchangesAreCheap) {
+  BoardHarness b;
+  Bytes h = read_hdr(0x14, i2c_addr(0x180048), 4);
+  std::array<char, 64> resp{};
+  constexpr int kN = 20000;
+  const std::clock_t c0 = std::clock();
+  for (int i = 0; i < kN; ++i) {
+    ASSERT_EQ(b.ops->bulk_write(b.h, USBIO_EP_OUT, reinterpret_cast<char *>(h.data()), 27, 20), 27);
+    ASSERT_EQ(b.ops->bulk_read(b.h, USBIO_EP_IN, resp.data(), 1, 20), 1);
+    ASSERT_EQ(b.ops->bulk_read(b.h, USBIO_EP_IN, resp.data(), 35, 20), 35);
+  }
+  const double us = (double)(std::clock() - c0) * 1e6 / CLOCKS_PER_SEC / kN;
+  RecordProperty("cpu_us_per_exchange", std::to_string(us));
+  std::printf("cpu per read exchange: %.2f us\n", us);
+  EXPECT_LT(us, 50.0);
+}
+
+TEST(Faults, DatamissingMakesAFlashWriteAskAgain) {
+  EnvVar f("KIVTOOL_SIM_FAULTS", "datamissing@1,datamissing@3");
+  BoardHarness b;
+  ASSERT_EQ(b.out(flash_hdr(0x25, 0x100, 4, 0)), 24);
+  EXPECT_EQ(b.status(), 0xAA);
+  ASSERT_EQ(b.out(data_pkt({1, 2, 3, 4})), 8);
+  EXPECT_EQ(b.status(), 0xAC);
+  ASSERT_EQ(b.out(flash_hdr(0x25, 0x100, 4, 0)), 24);
+  EXPECT_EQ(b.status(), 0xAA);
+  ASSERT_EQ(b.out(data_pkt({1, 2, 3, 4})), 8);
+  EXPECT_EQ(b.status(), 0xBA);
+  b.i2c_write(0x10, 1);   // header 3: not a flash write, unaffected
 }

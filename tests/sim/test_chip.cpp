@@ -4,6 +4,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
 #include <unistd.h>
 
 #include "access/access.h"
@@ -176,4 +179,27 @@ TEST(Chip, Knobs) {
   EXPECT_EQ(sim::knob("TEST_KNOB", 17), 17);
   EnvVar d("KIVTOOL_SIM_TEST_KNOB", "-3");
   EXPECT_EQ(sim::knob("TEST_KNOB", 17), -3);
+}
+
+// A run killed outright keeps every completed write: the store is a shared mapping.
+TEST(Chip, StateSurvivesSigkill) {
+  std::string dir = make_temp_dir("kivsim");
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const usb_ops_t *ops = sim_attach(dir.c_str());
+    if (!ops) _exit(3);
+    sim::chip_write(0x4A000070, 0x70707070);
+    sim::mdio_write(1, 2, 0x1212);
+    for (uint32_t i = 0; i < 5000; ++i) sim::store_set(((uint64_t)9 << 32) | i, ~i);
+    kill(getpid(), SIGKILL);
+    _exit(4);
+  }
+  int st = 0;
+  ASSERT_EQ(waitpid(pid, &st, 0), pid);
+  ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+  BoardHarness b(dir);
+  EXPECT_EQ(b.i2c_read(0x70), 0x70707070u);
+  EXPECT_EQ(b.smi_read(1, 2), 0x1212);
+  EXPECT_EQ(sim::store_get(((uint64_t)9 << 32) | 4999), ~4999u);
 }
