@@ -1,3 +1,572 @@
+// The `spi` command: SPI flash access, controller tuning, image programming and checks.
+//
+// Every invocation owns the flash through the arbitration register, initialises the
+// controller, runs one subcommand on the SPI controller page, gives the flash back and
+// prints the closing line. The handler's result is the release's: a subcommand's failure
+// shows through its messages, except for the few that return at once.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <vector>
+
+#include "access/access.h"
+#include "internal/common/hx5200_spiflash.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 
-kiv_int32 hx5200_cmd_spi(kiv_uint32 uid, kiv_int32 argc, void **argv) { return hx5200_cmd_notSupported(uid, argc, argv); }
+namespace {
+
+spi_flash_cfg_t &cfg = spi_flash_cfg;
+
+// A subcommand's result; `now` makes the handler return it at once, without the release
+// and the closing line.
+struct Outcome {
+  int32_t rc = 0;
+  bool now = false;
+};
+
+constexpr const char *kDumpFile = "flash_copy.bin";
+constexpr uint32_t kDumpMax = 0x100000;
+constexpr uint64_t kFlashSpace = 0x1000000;   // what a 24-bit flash address reaches
+constexpr uint32_t kCfgOffset = 0x6000;
+constexpr uint32_t kCfgMax = 0x2000;
+
+uint32_t next_u32(void **argv) {
+  kiv_uint32 v = 0;
+  cmd_nextU32(argv, &v);
+  return v;
+}
+
+bool channel_ok(uint32_t ch) { return ch == 1 || ch == 2 || ch == 4; }
+
+// Progress of long work on stderr, only for a person watching a terminal.
+class Progress {
+ public:
+  Progress(const char *what, uint64_t total) : what_(what), total_(total), on_(total > 0 && isatty(2)) {}
+  ~Progress() { finish(); }
+  Progress(const Progress &) = delete;
+  Progress &operator=(const Progress &) = delete;
+
+  void update(uint64_t done) {
+    if (!on_) return;
+    int pct = (int)(done * 100 / total_);
+    if (pct == last_) return;
+    last_ = pct;
+    constexpr int kWidth = 40;
+    int fill = pct * kWidth / 100;
+    std::fprintf(stderr, "\r%-10s [%.*s%*s] %3d%%", what_, fill, "########################################",
+                 kWidth - fill, "", pct);
+    std::fflush(stderr);
+  }
+  void finish() {
+    if (on_ && last_ >= 0) std::fputc('\n', stderr);
+    on_ = false;
+  }
+
+ private:
+  const char *what_;
+  uint64_t total_;
+  bool on_;
+  int last_ = -1;
+};
+
+struct FileCloser {
+  FILE *f;
+  ~FileCloser() {
+    if (f) std::fclose(f);
+  }
+};
+
+// Files named on the command line must be readable before anything is done with them.
+bool file_accessible(const char *file) {
+  int rc = file ? access(file, R_OK) : -1;
+  if (rc != 0) printf("Failed to access file: %d\r\n", rc);
+  return rc == 0;
+}
+
+void print_file_info(const char *file) {
+  struct stat st{};
+  if (stat(file, &st) != 0) return;
+  auto text = [](time_t t, std::array<char, 32> &out) {
+    struct tm tmv{};
+    out[0] = '\0';
+    if (localtime_r(&t, &tmv)) strftime(out.data(), out.size(), "%Y-%m-%d %H:%M:%S", &tmv);
+    return out.data();
+  };
+  std::array<char, 32> buf{};
+  printf("File:%s\tSize:%zu Bytes\r\n", file, (size_t)st.st_size);
+  printf("Last modified time:%s\r\n", text(st.st_mtime, buf));
+  printf("last access time:%s\r\n", text(st.st_atime, buf));
+  printf("last status change time:%s\r\n", text(st.st_ctime, buf));
+}
+
+// Compares the file from its current position with the flash from flashAddr, 256 bytes at
+// a time, for at most `limit` bytes; goes on while a whole chunk of at least 16 bytes came
+// from the file. `detail` adds the first differing byte to the mismatch report.
+int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, bool detail, const char *what) {
+  std::array<uint8_t, 256> fileBuf{}, flashBuf{};
+  uint64_t compared = 0;
+  Progress progress(what, limit == UINT64_MAX ? 0 : limit);
+  size_t n = 0;
+  do {
+    uint64_t left = limit - compared;
+    size_t want = left < fileBuf.size() ? (size_t)left : fileBuf.size();
+    n = want ? std::fread(fileBuf.data(), 1, want, f) : 0;
+    if (n && spi_flash_read(flashAddr, flashBuf.data(), (uint32_t)n) != 0) return -1;
+    if (std::memcmp(fileBuf.data(), flashBuf.data(), n) != 0) {
+      progress.finish();
+      printf("Image not match between 0x%06x ~ 0x%06x !\n", flashAddr, (uint32_t)(flashAddr + n));
+      if (detail) {
+        size_t first = 0, differ = 0;
+        for (size_t i = n; i-- > 0;) {
+          if (fileBuf[i] != flashBuf[i]) {
+            first = i;
+            ++differ;
+          }
+        }
+        printf("First difference at 0x%06x: file 0x%02x, flash 0x%02x (%zu of %zu bytes differ)\n",
+               (uint32_t)(flashAddr + first), fileBuf[first], flashBuf[first], differ, n);
+      }
+      return -1;
+    }
+    flashAddr += (uint32_t)n;
+    compared += n;
+    progress.update(compared);
+  } while (n >= 16 && compared < limit);
+  progress.finish();
+  printf("Matched: Compare Image Length %d\n", (int)compared);
+  return 0;
+}
+
+// Programs `len` bytes from the file's current position at flashAddr, one flash page at a
+// time. Returns the result of the first failing step; *done counts the bytes programmed.
+int32_t program_from_file(FILE *f, uint32_t flashAddr, uint64_t len, uint64_t *done, const char *what) {
+  std::array<uint8_t, 256> buf{};
+  Progress progress(what, len);
+  *done = 0;
+  while (*done < len) {
+    uint32_t at = (uint32_t)(flashAddr + *done);
+    uint64_t room = 256 - (at & 0xFF);
+    size_t want = (size_t)(len - *done < room ? len - *done : room);
+    size_t n = std::fread(buf.data(), 1, want, f);
+    if (n == 0) break;
+    int32_t rc = spi_flash_program(at, buf.data(), (uint32_t)n);
+    if (rc != 0) return rc;
+    *done += n;
+    progress.update(*done);
+  }
+  return 0;
+}
+
+// ---- subcommands ---------------------------------------------------------------------
+
+Outcome sub_read(void **argv) {
+  uint32_t addr = next_u32(argv), len = next_u32(argv);
+  if (!channel_ok(cfg.channel)) {
+    puts("Channel must be set 1, 2 or 4!");
+    return {-1};
+  }
+  if (len >= 2048) {
+    puts("length should not be bigger than 2048 bytes!");
+    return {-1};
+  }
+  spi_flash_clear_protect();   // a read also drops the block protection
+  std::array<uint8_t, 2048> buf{};
+  int32_t rc = spi_flash_read(addr, buf.data(), len);
+  if (rc != 0) return {rc};
+  printf("\nRead SPI Flash: ");
+  for (uint32_t i = 0; i < len; ++i) {
+    if (i % 16 == 0) printf("\n%06x: ", addr + i);
+    printf("%02x ", buf[i]);
+  }
+  printf("\n");
+  return {0};
+}
+
+Outcome sub_write(void **argv) {
+  uint32_t addr = next_u32(argv), data = next_u32(argv), len = next_u32(argv);
+  spi_flash_clear_protect();
+  if (len > 4) {
+    puts("length should not be more than 4 bytes!");
+    return {-1};
+  }
+  const std::array<uint8_t, 4> bytes = {(uint8_t)data, (uint8_t)(data >> 8), (uint8_t)(data >> 16),
+                                        (uint8_t)(data >> 24)};
+  return {spi_flash_program(addr, bytes.data(), len)};
+}
+
+// One erase of a range: protection is cleared first; when that fails this erase gives -1.
+int32_t erase_one(uint32_t addr, uint32_t kind) {
+  if (spi_flash_clear_protect() != 0) return -1;
+  return spi_flash_erase(addr, kind);
+}
+
+Outcome sub_erase(void **argv) {
+  const char *kind = cmd_nextStr(argv);
+  std::string_view k = kind ? kind : "";
+  if (k == "all") {
+    spi_flash_clear_protect();
+    return {spi_flash_erase(0, SPIF_ERASE_CHIP)};
+  }
+  const bool sector = k == "sector";
+  if (!sector && k != "block") return {-2};
+  const uint32_t first = next_u32(argv), last = next_u32(argv);
+  // Numbers past the 24-bit flash address space would only wrap around: stop there.
+  const uint64_t top = sector ? 0xFFF : 0xFF;
+  int32_t rc = 0;
+  for (uint64_t n = first; n <= last && n <= top; ++n)
+    rc = erase_one((uint32_t)n << (sector ? 12 : 16), sector ? SPIF_ERASE_SECTOR : SPIF_ERASE_BLOCK);
+  return {rc};
+}
+
+Outcome sub_rdsr(void **) {
+  uint8_t st = 0;
+  int32_t rc = spi_flash_read_status(&st);
+  if (rc == 0) printf("the status register = 0x%x\n", st);
+  return {rc};
+}
+
+Outcome sub_rdcr(void **) {
+  uint8_t cr = 0;
+  int32_t rc = spi_flash_read_config(&cr);
+  if (rc == 0) printf("the control register1 = 0x%x\n", cr);
+  return {rc};
+}
+
+Outcome sub_rdid(void **) {
+  uint32_t id = 0;
+  int32_t rc = spi_flash_read_id(&id);
+  if (rc == 0) printf("manfacturer ID %x deviceID0 %x deviceID1 %x\n", id & 0xFF, (id >> 8) & 0xFF, (id >> 16) & 0xFF);
+  return {rc};
+}
+
+Outcome sub_wrsr(void **argv) {
+  const char *which = cmd_nextStr(argv);
+  std::string_view w = which ? which : "";
+  uint32_t status = next_u32(argv);
+  if (w == "1") return {spi_flash_write_status((uint8_t)status, 0, false)};
+  if (w == "2") return {spi_flash_write_status((uint8_t)status, (uint8_t)next_u32(argv), true)};
+  return {-2};
+}
+
+Outcome sub_wren(void **) { return {spi_flash_write_enable()}; }
+Outcome sub_wrdi(void **) { return {spi_flash_write_disable()}; }
+Outcome sub_clearprotect(void **) { return {spi_flash_clear_protect()}; }
+
+Outcome sub_setch(void **argv) {
+  uint32_t n = next_u32(argv);
+  if (!channel_ok(n)) {
+    puts("please set 1, 2, 4");
+    return {-2};
+  }
+  cfg.reqChannel = n;
+  return {0};
+}
+
+Outcome sub_getch(void **) {
+  printf("SPIC channel = %d\n", (int)cfg.channel);
+  return {0};
+}
+
+Outcome sub_setspd(void **argv) {
+  uint32_t n = next_u32(argv), source = 0, divisor = 0;
+  if (!spi_flash_clock_pair(n, &source, &divisor)) {
+    puts("please set 12, 33, 50, 75, 100");
+    return {-2};
+  }
+  cfg.reqClock = n;
+  return {0};
+}
+
+Outcome sub_getspd(void **) {
+  uint32_t mhz = 0;
+  if (spi_flash_get_clock(&mhz) != 0) {
+    spi_flash_page(PAGE_SWCORE);
+    return {-1, true};
+  }
+  printf("SPIC clock = %d\n", (int)mhz);
+  return {0};
+}
+
+Outcome sub_setsysdly(void **argv) {
+  cfg.sysDelay = next_u32(argv) & 0xFF;
+  return {0};
+}
+
+Outcome sub_getsysdly(void **) {
+  printf("spi_sysDelay = %d\n", (int)cfg.sysDelay);
+  return {0};
+}
+
+Outcome sub_dumptobin(void **argv) {
+  uint32_t start = next_u32(argv), len = next_u32(argv);
+  FILE *f = std::fopen(kDumpFile, "wb");
+  if (!f) {
+    printf("FILE %s open fail!\n", kDumpFile);
+    return {-1};
+  }
+  FileCloser closer{f};
+  if (len > kDumpMax) return {-1};
+  std::vector<uint8_t> buf(len);
+  {
+    Progress progress("dump", len);
+    constexpr uint32_t kStep = 0x4000;
+    for (uint32_t done = 0; done < len; done += kStep) {
+      uint32_t n = len - done < kStep ? len - done : kStep;
+      int32_t rc = spi_flash_read(start + done, buf.data() + done, n);
+      if (rc != 0) return {rc};
+      progress.update(done + n);
+    }
+  }
+  if (len && std::fwrite(buf.data(), 1, len, f) != len) return {-1};
+  return {0};
+}
+
+Outcome sub_verify(void **argv) {
+  const char *file = cmd_nextStr(argv);
+  FILE *f = file ? std::fopen(file, "rb") : nullptr;
+  if (!f) {
+    printf("FILE %s open fail!\n", file ? file : "");
+    return {-1};
+  }
+  FileCloser closer{f};
+  struct stat st{};
+  uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
+  // The length only drives the progress display; the comparison ends with the file.
+  return {compare_image(f, 0, size ? size : UINT64_MAX, false, "verify")};
+}
+
+Outcome sub_verifywithbase(void **argv) {
+  const char *file = cmd_nextStr(argv);
+  uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
+  FILE *f = file ? std::fopen(file, "rb") : nullptr;
+  if (!f) {
+    printf("FILE %s open fail!\n", file ? file : "");
+    return {-1};
+  }
+  FileCloser closer{f};
+  if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
+  return {compare_image(f, flashStart, len, false, "verify")};
+}
+
+// Makes the flash writable before the configuration area is rewritten.
+int32_t prepare_flash(void) { return spi_flash_clear_protect(); }
+
+Outcome sub_updatecfg(void **argv) {
+  const char *file = cmd_nextStr(argv);
+  prepare_flash();
+  spi_flash_erase(kCfgOffset, SPIF_ERASE_SECTOR);
+  spi_flash_erase(kCfgOffset + 0x1000, SPIF_ERASE_SECTOR);
+  FILE *f = file ? std::fopen(file, "rb") : nullptr;
+  if (!f) {
+    printf("FILE %s open fail!\n", file ? file : "");
+    return {-1};
+  }
+  FileCloser closer{f};
+  std::fseek(f, kCfgOffset, SEEK_SET);
+  // With the configuration window open the controller's flash address 0 is the start of
+  // the configuration area, so the chunks are programmed counting from 0.
+  reg_write(1, PAGE_REG_ADDR, PAGE_SWCORE);
+  reg_write(1, SPIF_CFG_WINDOW, 1);
+  reg_write(1, PAGE_REG_ADDR, PAGE_SPIC);
+  std::array<uint8_t, 256> buf{};
+  uint32_t written = 0, counter = 0, percent = 0;
+  constexpr uint32_t kStep = kCfgMax / 100;
+  int32_t rc = 0;
+  while (written <= kCfgMax) {
+    if (counter >= kStep) {
+      counter -= kStep;
+      ++percent;
+      printf("\nupdate config complete: %02d", (int)percent);
+    }
+    size_t n = std::fread(buf.data(), 1, buf.size(), f);
+    if (n == 0) break;
+    rc = spi_flash_program(written, buf.data(), (uint32_t)n);
+    if (rc != 0) break;
+    written += (uint32_t)n;
+    counter += 256;
+  }
+  reg_write(1, PAGE_REG_ADDR, PAGE_SWCORE);
+  reg_write(1, SPIF_CFG_WINDOW, 0);
+  reg_write(1, PAGE_REG_ADDR, PAGE_SPIC);
+  printf("Image Length %d\n", (int)written);
+  return {rc};
+}
+
+Outcome sub_cal(void **) {
+  if (spi_flash_calibrate() != 0) {
+    puts("SPIC  Calibration FAILED");
+    return {-1};
+  }
+  printf("spi_sysDelay = %d\n", (int)cfg.sysDelay);
+  return {0};
+}
+
+// Erases what the image will cover: whole 64 KiB blocks where they fit, 4 KiB sectors else.
+int32_t erase_for_image(uint64_t size) {
+  for (uint64_t a = 0; a < size;) {
+    int32_t rc;
+    if ((a & 0xFFFF) == 0 && size - a >= 0x10000) {
+      rc = spi_flash_erase((uint32_t)a, SPIF_ERASE_BLOCK);
+      a += 0x10000;
+    } else {
+      rc = spi_flash_erase((uint32_t)a, SPIF_ERASE_SECTOR);
+      a += 0x1000;
+    }
+    if (rc != 0) return rc;
+  }
+  return 0;
+}
+
+Outcome sub_update(void **argv) {
+  const char *file = cmd_nextStr(argv);
+  if (!file_accessible(file)) return {-1};
+  print_file_info(file);
+  if (spi_flash_apply_settings() != 0) {
+    spi_flash_page(PAGE_SWCORE);
+    return {-1, true};
+  }
+  printf("g_SpiCH=%d, spic_clk=%d\n", (int)cfg.channel, (int)cfg.clock);
+  if (spi_flash_calibrate() != 0) {
+    puts("SPIC  Calibration FAILED");
+    spi_flash_page(PAGE_SWCORE);
+    return {-1, true};
+  }
+  // Calibration leaves the status polls off; programming waits for every page again.
+  cfg.skipWip = 0;
+
+  FILE *f = std::fopen(file, "rb");
+  if (!f) {
+    printf("FILE %s open fail!\n", file);
+    return {-1};
+  }
+  FileCloser closer{f};
+  struct stat st{};
+  const uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
+  if (size > kFlashSpace) {
+    printf("Image of %llu bytes does not fit the flash\n", (unsigned long long)size);
+    return {-1};
+  }
+  spi_flash_clear_protect();
+  int32_t rc = erase_for_image(size);
+  if (rc != 0) return {rc};
+  uint64_t done = 0;
+  rc = program_from_file(f, 0, size, &done, "update");
+  printf("Image Length %d\n", (int)done);
+  if (rc != 0) return {rc};
+  std::rewind(f);
+  return {compare_image(f, 0, done, true, "verify")};
+}
+
+Outcome sub_pgwithbase(void **argv) {
+  const char *file = cmd_nextStr(argv);
+  uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
+  if (!file_accessible(file)) return {-1};
+  print_file_info(file);
+  if ((uint64_t)flashStart + len > kFlashSpace) {
+    printf("Range 0x%x + 0x%x is past the flash address space\n", flashStart, len);
+    return {-1};
+  }
+  FILE *f = std::fopen(file, "rb");
+  if (!f) {
+    printf("FILE %s open fail!\n", file);
+    return {-1};
+  }
+  FileCloser closer{f};
+  if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
+  uint64_t done = 0;
+  int32_t rc = program_from_file(f, flashStart, len, &done, "program");
+  printf("Image Length %d\n", (int)done);
+  if (rc != 0) return {rc};
+  // Programming only clears bits: a range that was not erased shows up here.
+  std::fseek(f, fileStart, SEEK_SET);
+  return {compare_image(f, flashStart, done, true, "verify")};
+}
+
+Outcome not_supported(const char *word) {
+  printf("spi %s: not supported\n", word);
+  return {-1};
+}
+
+Outcome sub_auto(void **) { return not_supported("auto"); }
+
+Outcome sub_pg0861flash(void **argv) {
+  if (!file_accessible(cmd_nextStr(argv))) return {-1};
+  return not_supported("pg0861flash");
+}
+
+Outcome sub_pg0861flash2(void **argv) {
+  if (!file_accessible(cmd_nextStr(argv))) return {-1};
+  if (!file_accessible(cmd_nextStr(argv))) return {-1};
+  return not_supported("pg0861flash2");
+}
+
+struct SubCmd {
+  std::string_view name;
+  Outcome (*run)(void **argv);
+};
+
+constexpr std::array<SubCmd, 26> kSubCmds = {{
+    {"read", sub_read},
+    {"write", sub_write},
+    {"erase", sub_erase},
+    {"update", sub_update},
+    {"updatecfg", sub_updatecfg},
+    {"cal", sub_cal},
+    {"auto", sub_auto},
+    {"setsysdly", sub_setsysdly},
+    {"getsysdly", sub_getsysdly},
+    {"setspd", sub_setspd},
+    {"getspd", sub_getspd},
+    {"setch", sub_setch},
+    {"getch", sub_getch},
+    {"rdsr", sub_rdsr},
+    {"rdcr", sub_rdcr},
+    {"rdid", sub_rdid},
+    {"wrsr", sub_wrsr},
+    {"wren", sub_wren},
+    {"wrdi", sub_wrdi},
+    {"dumptobin", sub_dumptobin},
+    {"clearprotect", sub_clearprotect},
+    {"pgwithbase", sub_pgwithbase},
+    {"pg0861flash", sub_pg0861flash},
+    {"pg0861flash2", sub_pg0861flash2},
+    {"verifywithbase", sub_verifywithbase},
+    {"verify", sub_verify},
+}};
+
+Outcome run_subcommand(const char *word, void **argv) {
+  std::string_view w = word ? word : "";
+  for (const SubCmd &s : kSubCmds) {
+    if (s.name == w) {
+      spi_flash_page(PAGE_SPIC);
+      Outcome o = s.run(argv);
+      if (!o.now) spi_flash_page(PAGE_SWCORE);
+      return o;
+    }
+  }
+  return {-2};
+}
+
+}  // namespace
+
+kiv_int32 hx5200_cmd_spi(kiv_uint32 uid, kiv_int32 argc, void **argv) {
+  (void)uid;
+  (void)argc;
+  const char *word = cmd_nextStr(argv);
+  int32_t acquired = spi_flash_acquire();
+  if (acquired == 0) {
+    spi_flash_controller_init();   // its result is not used: the subcommand reports
+    Outcome o = run_subcommand(word, argv);
+    if (o.now) return o.rc;
+  } else {
+    std::fprintf(stderr, "spi: the flash is not free (code %d)\n", (int)acquired);
+  }
+  int32_t rc = spi_flash_release();
+  puts("SPI Flash CMD Over");
+  return rc;
+}
