@@ -39,5 +39,20 @@ kiv_int32 kiv_exitCmdGroup(kiv_uint32 uid, kiv_int32 level);
 void kiv_setNextGroupName(const char *name);
 const char *kiv_index2string(kiv_uint32 index);
 
+// The command row whose handler is running (or was run last); null before any command.
+const kiv_cmd_t *kiv_currentCmd(void);
+
+// Runs a grammar-parsed row on the current line's tokens after its command word:
+// helpMode 0 parses and calls the handler, 1 shows what may follow, 2 completes into the
+// output buffer. argc counts the tokens from the command word on. Returns the handler's
+// result (0 in the help modes).
+kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_uint32 helpMode);
+
+// Entry-argument groups (KIV_GROUP_ENTRYARGS) take the number of arguments kept in group
+// flag bits 8..15 (0 means one).
+#define KIV_GROUP_ENTRYARGCOUNT(flags) \
+  ((((flags) >> 8) & 0xFFu) ? (((flags) >> 8) & 0xFFu) : 1u)
+#define KIV_GROUP_ENTRYARGS_N(n) ((kiv_uint16)(KIV_GROUP_ENTRYARGS | (((n) & 0xFFu) << 8)))
+
 // The root group handed to kiv_userInit by the shell.
 extern const kiv_group_t hx5200_rootGroup;
