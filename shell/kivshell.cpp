@@ -16,25 +16,6 @@
 #include "kiv/kiv_parser.h"
 #include "sim/sim.h"
 
-// TRANSITIONAL: areas still being written are linked weakly so that the program builds
-// meanwhile; a part that is missing is skipped. Removed as soon as every area has landed.
-#define KIV_PENDING __attribute__((weak))
-const usb_ops_t *sim_attach(const char *dir) KIV_PENDING;
-int usbio_close(usb_dev_handle *h, int iface) KIV_PENDING;
-void usbio_connect(void) KIV_PENDING;
-int32_t usbio_use_i2c(void) KIV_PENDING;
-int32_t usbio_use_smi(void) KIV_PENDING;
-int32_t usbio_use_spi(void) KIV_PENDING;
-extern usb_dev_handle *usbio_handle KIV_PENDING;
-kiv_int32 kiv_init(kiv_uint32 maxUsers, kiv_uint32 tokenSize, kiv_uint32 maxTokens) KIV_PENDING;
-kiv_uint32 kiv_userInit(const char *name, kiv_uint32 outputMode, kiv_uint32 userFlags,
-                        kiv_uint32 maxDepth, const kiv_group_t *root) KIV_PENDING;
-kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 outSize) KIV_PENDING;
-void kiv_setCompletion(kiv_uint32 uid, int on) KIV_PENDING;
-kiv_int32 kiv_getPrompt(kiv_uint32 uid, char *buf, kiv_uint32 size) KIV_PENDING;
-extern const kiv_group_t hx5200_rootGroup KIV_PENDING;
-#define KIV_HAVE(sym) (&(sym) != nullptr)
-
 char kiv_prompt[KIV_PROMPT_SIZE];
 int kiv_promptLen;
 
@@ -68,7 +49,7 @@ size_t boundedCopy(char *dst, const char *src, size_t n) {
 int applyEnvironment() {
   const char *simDir = getenv("KIVTOOL_SIM");
   if (simDir && *simDir) {
-    const usb_ops_t *ops = KIV_HAVE(sim_attach) ? sim_attach(simDir) : nullptr;
+    const usb_ops_t *ops = sim_attach(simDir);
     if (!ops) {
       fprintf(stderr, "kivshell: cannot attach the simulated board at '%s'\n", simDir);
       return -1;
@@ -87,16 +68,16 @@ int applyEnvironment() {
 void bringUpInterface() {
   switch (access_if) {
     case ACCESS_IF_I2C:
-      if (KIV_HAVE(usbio_use_i2c)) usbio_use_i2c();
-      if (KIV_HAVE(usbio_connect)) usbio_connect();
+      usbio_use_i2c();
+      usbio_connect();
       break;
     case ACCESS_IF_SMI:
-      if (KIV_HAVE(usbio_connect)) usbio_connect();
-      if (KIV_HAVE(usbio_use_smi)) usbio_use_smi();
+      usbio_connect();
+      usbio_use_smi();
       break;
     case ACCESS_IF_SPI:
-      if (KIV_HAVE(usbio_use_spi)) usbio_use_spi();
-      if (KIV_HAVE(usbio_connect)) usbio_connect();
+      usbio_use_spi();
+      usbio_connect();
       break;
     default:
       break;
@@ -253,8 +234,7 @@ int kiv_processLine(char *line, int length) {
   const char c = length >= 2 ? line[length - 2] : '\0';
   if (c != '\n' && length >= 1) {
     line[length - 1] = '\0';
-    if (!KIV_HAVE(kiv_cmdProcess)) {
-    } else if (c == '\t') {
+    if (c == '\t') {
       kiv_setCompletion(kUser, 1);
       kiv_cmdProcess(kUser, line, kiv_outputBuffer, KIV_OUTBUF_SIZE);
       kiv_setCompletion(kUser, 0);
@@ -264,7 +244,7 @@ int kiv_processLine(char *line, int length) {
       if (c != '?') kiv_outputBuffer[0] = '\0';
     }
   }
-  if (KIV_HAVE(kiv_getPrompt)) kiv_getPrompt(kUser, kiv_pathBuffer, KIV_PATHBUF_SIZE);
+  kiv_getPrompt(kUser, kiv_pathBuffer, KIV_PATHBUF_SIZE);
   return 1;
 }
 
@@ -300,9 +280,8 @@ int kivshell_main(int argc, char **argv) {
   if (argc <= 1) printf("#\r\n# Quorvex KIV Tool build %s\r\n#\r\n", KIV_BUILD_STRING);
   printf("# SDK version %08x\r\n#\r\n", KIV_SDK_VERSION);
 
-  if (!KIV_HAVE(kiv_init) || kiv_init(1, 256, 256) != 0) puts("hxkiv: kiv module initial fail !");
-  if (!KIV_HAVE(kiv_userInit) || !KIV_HAVE(hx5200_rootGroup) ||
-      kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup) == KIV_NOUSER)
+  if (kiv_init(1, 256, 256) != 0) puts("hxkiv: kiv module initial fail !");
+  if (kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup) == KIV_NOUSER)
     puts("hxkiv: kiv user init failed !");
 
   kiv_loadConfig();
@@ -322,7 +301,7 @@ int kivshell_main(int argc, char **argv) {
   if (argc > 1) return runOneShot(argc, argv);
 
   runInteractive();
-  if (KIV_HAVE(usbio_close) && KIV_HAVE(usbio_handle)) usbio_close(usbio_handle, 0);
+  usbio_close(usbio_handle, 0);
   close(devNull);
   return 0;
 }
