@@ -13,7 +13,6 @@
 #include "kiv/kiv_ciscoParserParamChecker.h"
 
 #define PARSER_FILE "kiv/kiv_ciscoParser"
-#define KIV_ASSERT(cond) KIV_ASSERT_IN(PARSER_FILE, cond)
 
 namespace {
 
@@ -147,7 +146,7 @@ static kiv_int32 _peekStack(const kiv_indexStack_t *ps) {
 
 static kiv_int32 _replaceStackTop(kiv_indexStack_t *ps, kiv_int32 value) {
   if (ps->top >= (kiv_int32)kStackDepth - 1) return -1;
-  KIV_ASSERT(ps->top>=0);
+  KIV_ASSERT_IN(PARSER_FILE, ps->top>=0);
   ps->entry[ps->top] = (kiv_uint32)value;
   return 0;
 }
@@ -163,8 +162,8 @@ static bool _isChainNode(kiv_int32 index) { return _validIndex(index) && _nodes[
 // Only MAX_TOKENS entries are stored; a usage with more tokens returns a count that makes
 // the node total reach MAX_TOKENS, which the parse refuses.
 static kiv_uint32 _splitCmdFormatTokens(void) {
-  KIV_ASSERT(_thisCommand->cmdUsage!=NULL);
-  KIV_ASSERT(strlen(_thisCommand->cmdUsage)<MAX_CMD_TEMPBUFFER);
+  KIV_ASSERT_IN(PARSER_FILE, _thisCommand->cmdUsage!=NULL);
+  KIV_ASSERT_IN(PARSER_FILE, strlen(_thisCommand->cmdUsage)<MAX_CMD_TEMPBUFFER);
 
   strncpy(_usageCopy, _thisCommand->cmdUsage, MAX_CMD_TEMPBUFFER - 1);
   _usageCopy[MAX_CMD_TEMPBUFFER - 1] = '\0';
@@ -193,7 +192,7 @@ static kiv_uint32 _splitCmdFormatTokens(void) {
       append(tok);
   }
   append(const_cast<char *>(kEndText));
-  KIV_ASSERT(index>0);
+  KIV_ASSERT_IN(PARSER_FILE, index>0);
   return index;
 }
 
@@ -233,13 +232,13 @@ static void _createKeywordNode(kiv_uint32 n, char *text, const char *help, kiv_u
 static kiv_uint32 _createParamNode(kiv_uint32 n, char *text, const char *help, kiv_uint32 minimum, kiv_uint32 maximum) {
   kiv_parseNode_t *thisNode = &_nodes[n];
   thisNode->paramType = kiv_findParamType(_thisCommand, text);
-  KIV_ASSERT(thisNode->paramType!=NULL);
+  KIV_ASSERT_IN(PARSER_FILE, thisNode->paramType!=NULL);
   thisNode->node = 1;
   thisNode->isParam = 1;
   thisNode->help = help;
   thisNode->len = 0;
   _setRepeatRange(thisNode, minimum, maximum, false);
-  KIV_ASSERT(IS4BYTEALIGNED((kiv_memaddr)_tempBuffer+_tempBufferUsed));
+  KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED((kiv_memaddr)_tempBuffer+_tempBufferUsed));
   thisNode->text = _tempBuffer + _tempBufferUsed;
   return roundUp4(thisNode->paramType->maxSize);
 }
@@ -287,11 +286,11 @@ static void _linkAllOptions(kiv_uint32 n) {
       before = nodeIndex;
       break;
     }
-    KIV_ASSERT(nodeIndex&&!_nodes[nodeIndex].node);
+    KIV_ASSERT_IN(PARSER_FILE, nodeIndex&&!_nodes[nodeIndex].node);
     kiv_uint32 end = (kiv_uint32)nodeIndex;
     nodeIndex = _popStack(&_optionStack);
     if (!_validIndex(nodeIndex)) nodeIndex = 0;   // a missing start fails the check below
-    KIV_ASSERT(nodeIndex&&!_nodes[nodeIndex].node);
+    KIV_ASSERT_IN(PARSER_FILE, nodeIndex&&!_nodes[nodeIndex].node);
     if (pairs < kStackDepth / 2) {
       ends[pairs] = end;
       starts[pairs] = (kiv_uint32)nodeIndex;
@@ -333,7 +332,7 @@ static kiv_uint32 _createCommandGraph(void) {
   _emptyStack(&_pendingStack);
   _emptyStack(&_optionStack);
   _emptyStack(&_optionLevelStack);
-  KIV_ASSERT(_nodeUsed>0);
+  KIV_ASSERT_IN(PARSER_FILE, _nodeUsed>0);
 
   _clearNode(0);
   _nodes[0].node = 1;
@@ -351,7 +350,7 @@ static kiv_uint32 _createCommandGraph(void) {
     if (token[0] == '(') {
       char *rest = nullptr;
       char *repeater = strtok_r(token + 1, ")", &rest);
-      KIV_ASSERT(repeater!=NULL);
+      KIV_ASSERT_IN(PARSER_FILE, repeater!=NULL);
       const char *lower = repeater;
       const char *upper = strchr(repeater, '~');
       minimum = _readRepeatBound(&lower) & 0xFFu;
@@ -371,9 +370,9 @@ static kiv_uint32 _createCommandGraph(void) {
       _pushStack(&_pendingStack, (kiv_int32)n);
     } else if (first == '%') {
       kiv_uint32 size = _createParamNode(n, token, help, minimum, maximum);
-      KIV_ASSERT(_tempBufferUsed+size<=MAX_CMD_TEMPBUFFER);
+      KIV_ASSERT_IN(PARSER_FILE, _tempBufferUsed+size<=MAX_CMD_TEMPBUFFER);
       _tempBufferUsed += size;
-      KIV_ASSERT(IS4BYTEALIGNED(_tempBufferUsed));
+      KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
       _linkPending(n);
       _closeOptionRunIfOpen(n);
       _pushStack(&_pendingStack, (kiv_int32)n);
@@ -552,7 +551,7 @@ static bool _acceptParam(kiv_uint32 index, char *token) {
   } else {
     if (thisNode->max_repeat != 0 && type->values) {
       thisNode->max_repeat = (kiv_uint16)type->values(0, nullptr);
-      KIV_ASSERT(thisNode->max_repeat>0);
+      KIV_ASSERT_IN(PARSER_FILE, thisNode->max_repeat>0);
     }
     // Later value: a record {size, data} appended after the reserved slots. A value that
     // would not fit the buffer refuses the token.
@@ -579,10 +578,10 @@ static bool _acceptParam(kiv_uint32 index, char *token) {
       _tempBufferUsed -= 4;
     }
   }
-  KIV_ASSERT(IS4BYTEALIGNED(_tempBufferUsed));
+  KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
   if (result < 0) return false;
   kiv_uint32 tokenSize = (kiv_uint32)result;
-  KIV_ASSERT(tokenSize<= thisNode->paramType->maxSize);
+  KIV_ASSERT_IN(PARSER_FILE, tokenSize<= thisNode->paramType->maxSize);
   thisNode->len = (kiv_uint16)tokenSize;
   return true;
 }
@@ -622,7 +621,7 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
         taken = _acceptParam(index, token);
       } else if (_candidate.count == 1) {
         // Only the end can follow: the rest of the line is surplus and ignored.
-        KIV_ASSERT(thisNode->endCommand);
+        KIV_ASSERT_IN(PARSER_FILE, thisNode->endCommand);
         return {accepted, firstAcceptedNodeIndex, lastNodeIndex, token};
       }
       if (taken) thisNodeIndex = index;
@@ -635,7 +634,7 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
     if (lastNodeIndex == 0) firstAcceptedNodeIndex = thisNodeIndex;
     kiv_parseNode_t *thisNode = &_nodes[thisNodeIndex];
     if (!thisNode->repeat) {
-      KIV_ASSERT(lastNodeIndex!=thisNodeIndex);
+      KIV_ASSERT_IN(PARSER_FILE, lastNodeIndex!=thisNodeIndex);
       _nodes[lastNodeIndex].nextIndex = (kiv_uint16)thisNodeIndex;
       thisNode->prevIndex = (kiv_uint16)lastNodeIndex;
     } else {
@@ -654,10 +653,10 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
 
   if (!_endReachable(lastNodeIndex, endNode)) {
     _collectCandidates(lastNodeIndex);
-    KIV_ASSERT(_candidate.count);
+    KIV_ASSERT_IN(PARSER_FILE, _candidate.count);
     return {-accepted, firstAcceptedNodeIndex, lastNodeIndex, nullptr};
   }
-  KIV_ASSERT(firstAcceptedNodeIndex);
+  KIV_ASSERT_IN(PARSER_FILE, firstAcceptedNodeIndex);
   return {accepted, firstAcceptedNodeIndex, lastNodeIndex, nullptr};
 }
 
@@ -665,7 +664,7 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
 // Public interface
 
 kiv_int32 ciscoCmdParser(kiv_int32 argc, char **argv, const kiv_cmd_t **thisCmd, void **savedData, char **token) {
-  KIV_ASSERT(thisCmd && *thisCmd && savedData);
+  KIV_ASSERT_IN(PARSER_FILE, thisCmd && *thisCmd && savedData);
 
   _clearAllNodes();
   _thisCommand = *thisCmd;
@@ -674,11 +673,11 @@ kiv_int32 ciscoCmdParser(kiv_int32 argc, char **argv, const kiv_cmd_t **thisCmd,
   _nonRepeatingTempBufferStart = 0;
   _redirectCommand = 0;
   _nodeUsed = _splitCmdFormatTokens();
-  KIV_ASSERT(_nodeUsed>0);
+  KIV_ASSERT_IN(PARSER_FILE, _nodeUsed>0);
   _clearAllLinks();
   kiv_uint32 totalNodes = _createCommandGraph();
-  KIV_ASSERT(totalNodes >0 && totalNodes <MAX_TOKENS);
-  KIV_ASSERT(IS4BYTEALIGNED(_tempBufferUsed));
+  KIV_ASSERT_IN(PARSER_FILE, totalNodes >0 && totalNodes <MAX_TOKENS);
+  KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
   _nonRepeatingTempBufferStart = _tempBufferUsed;
 
   kiv_matchResult_t r = _processUserCommand(totalNodes, argc, argv);
@@ -709,8 +708,8 @@ kiv_uint32 ciscoCmdParserPathNodeIndex(const void *savedPath) {
 }
 
 kiv_int32 ciscoCmdGetNextToken(void **nextToken, kiv_uint32 *size, void **savedData) {
-  KIV_ASSERT(nextToken && size);
-  KIV_ASSERT(savedData!=NULL);
+  KIV_ASSERT_IN(PARSER_FILE, nextToken && size);
+  KIV_ASSERT_IN(PARSER_FILE, savedData!=NULL);
   if (*savedData == nullptr) return -1;
   kiv_parseNode_t *n = _pathNode(*savedData);
   if (!n) {
@@ -723,11 +722,11 @@ kiv_int32 ciscoCmdGetNextToken(void **nextToken, kiv_uint32 *size, void **savedD
     *nextToken = n->text;
   } else if (n->readCount == 0 || n->readCount >= n->repeatCount ||
              _nonRepeatingTempBufferStart + 4 > _tempBufferUsed) {
-    KIV_ASSERT(IS4BYTEALIGNED((kiv_memaddr)nextToken));
+    KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED((kiv_memaddr)nextToken));
     *size = n->len;
     *nextToken = n->text;
   } else {
-    KIV_ASSERT(IS4BYTEALIGNED((kiv_memaddr)_tempBuffer+_nonRepeatingTempBufferStart));
+    KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED((kiv_memaddr)_tempBuffer+_nonRepeatingTempBufferStart));
     kiv_uint8 *record = _tempBuffer + _nonRepeatingTempBufferStart;
     kiv_uint32 sizeWord;
     memcpy(&sizeWord, record, 4);
@@ -784,7 +783,7 @@ kiv_uint32 ciscoCmdParserListCandidates(kiv_candEntry_t *entries, kiv_uint32 cap
 }
 
 kiv_int32 ciscoCmdParserShowHelp(kiv_candEntry_t *list, kiv_uint32 totalEntries) {
-  KIV_ASSERT(list && totalEntries>0);
+  KIV_ASSERT_IN(PARSER_FILE, list && totalEntries>0);
   if ((_outputMode & 3u) == 0) {
     if (_replyHooks) {
       if (_replyHooks->start) _replyHooks->start();
@@ -802,7 +801,7 @@ kiv_int32 ciscoCmdParserShowHelp(kiv_candEntry_t *list, kiv_uint32 totalEntries)
 
 kiv_int32 ciscoCmdParserFlushTmpBuffer(void) {
   if (_tempBufferUsed != 0) {
-    KIV_ASSERT(IS4BYTEALIGNED(_tempBufferUsed));
+    KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
     _tempBufferUsed = 0;
     _nonRepeatingTempBufferStart = 0;
   }
@@ -812,7 +811,7 @@ kiv_int32 ciscoCmdParserFlushTmpBuffer(void) {
 // Walks the usage like the splitter does (tabs inside tokens become spaces) and counts
 // its tokens; prints only the title. Text output mode only.
 void ciscoCmdPrintSynopsis(const char *title, const char *cmdUsage) {
-  KIV_ASSERT(cmdUsage!=NULL);
+  KIV_ASSERT_IN(PARSER_FILE, cmdUsage!=NULL);
   if ((_outputMode & 3u) == 0) return;
   strncpy(_synopsisCopy, cmdUsage, MAX_CMD_TEMPBUFFER - 1);
   _synopsisCopy[MAX_CMD_TEMPBUFFER - 1] = '\0';
