@@ -215,6 +215,76 @@ void PtyEditor::hangUp() {
   }
 }
 
+// ---- a program on a pseudo-terminal ---------------------------------------------------------
+
+PtySession::PtySession(const std::string &program, const std::vector<std::string> &args,
+                       const std::vector<std::pair<std::string, std::string>> &env, const std::string &cwd) {
+  winsize ws{};
+  ws.ws_col = 80;
+  ws.ws_row = 24;
+  fflush(stdout);
+  fflush(stderr);
+  pid_t pid = forkpty(&master_, nullptr, nullptr, &ws);
+  if (pid == 0) {
+    if (chdir(cwd.c_str()) != 0) _exit(126);
+    for (auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(program.c_str()));
+    for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  pid_ = pid;
+  if (pid > 0) fcntl(master_, F_SETFL, fcntl(master_, F_GETFL) | O_NONBLOCK);
+}
+
+PtySession::~PtySession() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  if (master_ >= 0) close(master_);
+}
+
+void PtySession::pump(int timeoutMs) {
+  pollfd p{master_, POLLIN, 0};
+  if (poll(&p, 1, timeoutMs) <= 0) return;
+  char buf[4096];
+  for (;;) {
+    ssize_t r = read(master_, buf, sizeof buf);
+    if (r <= 0) break;
+    out_.append(buf, static_cast<size_t>(r));
+  }
+}
+
+void PtySession::keys(const std::string &bytes) { writeAll(master_, bytes.data(), bytes.size()); }
+
+size_t PtySession::waitFor(const std::string &needle, size_t from, int timeoutMs) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    size_t at = out_.find(needle, from);
+    if (at != std::string::npos) return at;
+    if (std::chrono::steady_clock::now() > end) return std::string::npos;
+    pump(20);
+  }
+}
+
+int PtySession::wait(int timeoutMs) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (pid_ > 0) {
+    pump(10);
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      pump(0);
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    if (std::chrono::steady_clock::now() > end) return -1;
+  }
+  return -1;
+}
+
 // ---- tmux ---------------------------------------------------------------------------------
 
 bool Tmux::available() { return system("tmux -V >/dev/null 2>&1") == 0; }

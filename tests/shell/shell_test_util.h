@@ -48,6 +48,30 @@ class PtyEditor {
   std::string out_;  // terminal output not yet handed out
 };
 
+// A program (the tool) run with a pseudo-terminal as its console.
+class PtySession {
+ public:
+  PtySession(const std::string &program, const std::vector<std::string> &args,
+             const std::vector<std::pair<std::string, std::string>> &env, const std::string &cwd);
+  ~PtySession();
+  PtySession(const PtySession &) = delete;
+  PtySession &operator=(const PtySession &) = delete;
+
+  bool ok() const { return pid_ > 0; }
+  void keys(const std::string &bytes);
+  // Waits until the output after `from` contains needle; returns its position or npos.
+  size_t waitFor(const std::string &needle, size_t from = 0, int timeoutMs = 5000);
+  const std::string &output() const { return out_; }
+  // Waits for the program to end; its exit status or -1.
+  int wait(int timeoutMs = 5000);
+
+ private:
+  void pump(int timeoutMs);
+  int master_ = -1;
+  pid_t pid_ = -1;
+  std::string out_;
+};
+
 // A tmux server on its own socket with one session of a fixed size.
 class Tmux {
  public:
