@@ -26,7 +26,12 @@ void kiv_assertFailed(const char *file, const char *func, int line, const char *
   abort();
 }
 
-#define KIV_ASSERT(cond) KIV_ASSERT_IN("kiv/kiv_parser", cond)
+// Stringised here, not through KIV_ASSERT_IN, so that the report shows the condition as
+// written (macro names unexpanded).
+#define KIV_ASSERT(cond)                                                       \
+  do {                                                                         \
+    if (!(cond)) kiv_assertFailed("kiv/kiv_parser", __func__, __LINE__, #cond); \
+  } while (0)
 #define ISSET(flags, bit) (((flags) & (bit)) != 0)
 
 namespace {
