@@ -430,6 +430,7 @@ void selectI2cDevice(uint8_t id) {
 
 int rwaketest(uint32_t port) {
   printf("\ntest port =%d", static_cast<int>(port));
+  fflush(stdout);
   for (;;) {
     selectI2cDevice(2);
     uint32_t v = 0;
