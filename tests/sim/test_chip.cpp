@@ -171,16 +171,6 @@ TEST(Chip, WriteWidthNoticeIsConsumedByTheNextWriteOfThatAddress) {
   EXPECT_EQ(sim::take_write_width(0x104), 4u);
 }
 
-TEST(Chip, Knobs) {
-  EXPECT_EQ(sim::knob("TEST_KNOB", 17), 17);
-  EnvVar a("KIVTOOL_SIM_TEST_KNOB", "0x20");
-  EXPECT_EQ(sim::knob("TEST_KNOB", 17), 32);
-  EnvVar c("KIVTOOL_SIM_TEST_KNOB", "12abc");
-  EXPECT_EQ(sim::knob("TEST_KNOB", 17), 17);
-  EnvVar d("KIVTOOL_SIM_TEST_KNOB", "-3");
-  EXPECT_EQ(sim::knob("TEST_KNOB", 17), -3);
-}
-
 // A run killed outright keeps every completed write: the store is a shared mapping.
 TEST(Chip, StateSurvivesSigkill) {
   std::string dir = make_temp_dir("kivsim");

@@ -59,19 +59,3 @@ TEST(Host, BurstReadThroughTheAdapter) {
   ASSERT_EQ(hx5200_usb_i2c_read_burst(0x1000, vals.data(), 64), 0);
   for (uint32_t i = 0; i < 64; ++i) ASSERT_EQ(vals[i], i * 3);
 }
-
-TEST(Host, ChipProbeSeesAnotherGeneration) {
-  EnvVar gen("KIVTOOL_SIM_CHIP_GEN", "5");
-  HostOnBoard host;
-  ASSERT_EQ(usbio_use_i2c(), 0);
-  EXPECT_NE(chip_probe(), 0);
-}
-
-TEST(Host, NakIsRecoveredByTheHostsResend) {
-  // Headers 1-3 are the connection's configuration; 4 is the first register write.
-  EnvVar f("KIVTOOL_SIM_FAULTS", "nak@4");
-  HostOnBoard host;
-  ASSERT_EQ(usbio_use_i2c(), 0);
-  EXPECT_EQ(reg_write(1, 0x60, 6), 0);
-  EXPECT_EQ(sim::chip_read(0x4A000060), 6u);
-}
