@@ -154,7 +154,7 @@ uint32_t build_read_response(const uint8_t *hdr, uint8_t code, uint32_t addr, ui
   return kHdr + alen + n + 4;
 }
 
-// A command header. Returns the status byte to answer with (0: answered already).
+// A command header: queue the status byte (and for reads the response) or wait for data.
 void on_header(const uint8_t *b, size_t size) {
   const Fault f = fault_for(++g_ad.headers);
   in_clear();
