@@ -8,6 +8,11 @@
 #include <cstdio>
 #include <cstring>
 
+// The C runtime's assertion handler; declared here because <assert.h> hides it when
+// NDEBUG is set, and these checks stay on in every build.
+extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *file, unsigned int line,
+                                           const char *function) noexcept;
+
 namespace {
 
 // Reports a broken precondition of a helper through the C runtime's assertion handler,
