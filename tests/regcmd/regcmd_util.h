@@ -1,0 +1,72 @@
+// Helpers for the register and configuration command tests: piped sessions on the
+// simulated board compared byte for byte, and the adapter commands seen in a capture.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "run_tool.h"
+
+inline const std::string kOk = "Success!!\n";
+inline std::string errnoLine(int code) { return "Errno : " + std::to_string(code) + "\n"; }
+
+using Env = std::vector<std::pair<std::string, std::string>>;
+
+// One typed line and what the tool prints for it (report line included).
+struct Step {
+  std::string line;
+  std::string out;
+};
+
+// Start-up text of a piped session on a fresh board, taken from a session without lines.
+inline const std::string &sessionPrefix() {
+  static const std::string prefix = run_tool(ToolRun{}).out;
+  return prefix;
+}
+
+// Runs the lines as one piped session; returns the output after the start-up text.
+inline std::string runSession(const std::vector<std::string> &lines, const Env &env = {}) {
+  ToolRun run;
+  for (const std::string &l : lines) run.input += l + "\n";
+  run.env = env;
+  ToolResult res = run_tool(run);
+  EXPECT_FALSE(res.timedOut);
+  EXPECT_EQ(res.status, 0);
+  const std::string &prefix = sessionPrefix();
+  EXPECT_EQ(res.out.compare(0, prefix.size(), prefix), 0) << res.out;
+  return res.out.size() >= prefix.size() ? res.out.substr(prefix.size()) : res.out;
+}
+
+inline void expectSession(const std::vector<Step> &steps, const Env &env = {}) {
+  std::vector<std::string> lines;
+  std::string expected;
+  for (const Step &s : steps) {
+    lines.push_back(s.line);
+    expected += s.out;
+  }
+  EXPECT_EQ(runSession(lines, env), expected);
+}
+
+// Command headers the host sent to the adapter (bulk OUT submits that start with the
+// magic), in order, from a pcap file of link type 220.
+inline std::vector<std::vector<uint8_t>> capturedCommands(const std::string &pcap) {
+  std::vector<std::vector<uint8_t>> cmds;
+  const auto *p = reinterpret_cast<const uint8_t *>(pcap.data());
+  auto u32 = [&](size_t off) { return uint32_t(p[off]) | uint32_t(p[off + 1]) << 8 | uint32_t(p[off + 2]) << 16 | uint32_t(p[off + 3]) << 24; };
+  static const uint8_t kMagic[6] = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
+  for (size_t off = 24; off + 16 + 64 <= pcap.size();) {
+    const size_t incl = u32(off + 8);
+    const size_t rec = off + 16;
+    if (rec + incl > pcap.size() || incl < 64) break;
+    const bool outSubmit = p[rec + 8] == 'S' && p[rec + 10] == 0x02;
+    if (outSubmit && incl >= 64 + 24 && std::equal(kMagic, kMagic + 6, p + rec + 64))
+      cmds.emplace_back(p + rec + 64, p + rec + incl);
+    off = rec + incl;
+  }
+  return cmds;
+}

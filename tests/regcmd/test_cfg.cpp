@@ -1,0 +1,110 @@
+// `set` and `get`: settings, closing lines, version registers and the adapter traffic that
+// a changed interface or I2C id produces.
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "access/access.h"
+#include "internal/kivcmd/hx5200_cmd.h"
+#include "kiv/kiv_parser.h"
+#include "regcmd_util.h"
+
+namespace {
+
+const std::string kSetOver = "SET CMD Over\n";
+const std::string kGetOver = "GET CMD Over\n";
+
+TEST(SetCommand, ClosingLineAndUnsupportedWords) {
+  expectSession({
+      {"set e0tdly 5", kSetOver + kOk},
+      {"set savecontest", kSetOver + kOk},
+      {"set autocal 3", "set autocal: not supported\n" + kSetOver + errnoLine(-1)},
+      {"set wrimage x.bin", "set wrimage: not supported\n" + kSetOver + errnoLine(-1)},
+  });
+}
+
+// Runs a line through the engine in this process (no adapter is touched by these words).
+std::string runLine(const char *text) {
+  static const bool ready = kiv_init(1, 256, 256) == 0 &&
+                            kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup) != KIV_NOUSER;
+  EXPECT_TRUE(ready);
+  std::array<char, 1024> out{};
+  std::string line(text);
+  testing::internal::CaptureStdout();
+  kiv_cmdProcess(0, line.data(), out.data(), static_cast<kiv_uint32>(out.size()));
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST(SetCommand, ShellSettingsByWholeWords) {
+  const struct {
+    const char *line;
+    uint8_t *setting;
+    uint8_t expected;
+  } cases[] = {
+      {"set mibfmt hex", &hx_mibFormat, 1}, {"set mibfmt HEX", &hx_mibFormat, 0},
+      {"set mibfmt hex", &hx_mibFormat, 1}, {"set mibfmt dec", &hx_mibFormat, 0},
+      {"set chipver c", &hx_chipVersion, 2}, {"set chipver A", &hx_chipVersion, 0},
+      {"set chipver D", &hx_chipVersion, 3}, {"set chipver e", &hx_chipVersion, 1},
+      {"set chipver a", &hx_chipVersion, 0}, {"set chipver ab", &hx_chipVersion, 1},
+      {"set mdxid 0x1FF", &mdcaddrid, 0xFF}, {"set mdxid 24", &mdcaddrid, 24},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(runLine(c.line), kSetOver + kOk) << c.line;
+    EXPECT_EQ(*c.setting, c.expected) << c.line;
+  }
+}
+
+TEST(GetCommand, VersionsFromTheBoard) {
+  expectSession({{"get fwver", "\nFirmware Version 0x1020300\n" + kGetOver + kOk},
+                 {"get chipver", "\nSwitch Chip Version: Formal Chip\n" + kGetOver + kOk}});
+  expectSession({{"get chipver", "\nSwitch Chip Version: ES2\n" + kGetOver + kOk}}, {{"KIVTOOL_SIM_CHIP_VERSION", "2"}});
+  expectSession({{"get chipver", kGetOver + kOk}}, {{"KIVTOOL_SIM_CHIP_VERSION", "0"}});
+}
+
+// Register transfers in a capture, one letter per run of the same transport:
+// I for I2C (0x13/0x14), S for SPI (0x23/0x24), M for SMI (0x43/0x44).
+std::string transports(const std::vector<std::vector<uint8_t>> &cmds) {
+  std::string seq;
+  for (const auto &c : cmds) {
+    char t = 0;
+    switch (c[8]) {
+      case 0x13: case 0x14: t = 'I'; break;
+      case 0x23: case 0x24: t = 'S'; break;
+      case 0x43: case 0x44: t = 'M'; break;
+      default: continue;
+    }
+    if (seq.empty() || seq.back() != t) seq += t;
+  }
+  return seq;
+}
+
+TEST(SetCommand, RegifSwitchesTheTransport) {
+  const std::string dir = make_temp_dir("regif");
+  const std::string get = "reg get 0x2F0000", value = "[0x2F0000]=0x0000\n" + kOk;
+  expectSession({{get, value},
+                 {"set regif spi", kSetOver + kOk}, {get, value},
+                 {"set regif smi", kSetOver + kOk}, {get, value},
+                 {"set regif i2c", kSetOver + kOk}, {get, value},
+                 {"set regif spi", kSetOver + kOk}, {get, value},
+                 {"set regif uart", kSetOver + kOk}, {get, value}},   // I2C, earlier pair
+                {{"KIVTOOL_PCAP", dir + "/cap.pcap"}});
+  EXPECT_EQ(transports(capturedCommands(read_file(dir + "/cap.pcap"))), "ISMISI");
+}
+
+TEST(SetCommand, I2cIdReconfiguresTheAdapter) {
+  const std::string dir = make_temp_dir("i2cid");
+  const std::string out = runSession({"set i2cid 5", "reg get 0x2F0000", "set i2cid 4", "reg get 0x2F0000"},
+                                     {{"KIVTOOL_PCAP", dir + "/cap.pcap"}});
+  // The chip answers at 0xA8 only: the access in between fails, the last one works again.
+  EXPECT_NE(out.find("Errno : "), std::string::npos) << out;
+  EXPECT_EQ(out.substr(out.size() - (18 + kOk.size())), "[0x2F0000]=0x0000\n" + kOk) << out;
+  std::vector<unsigned> devAddrs;   // parameter B of every I2C configuration
+  for (const auto &c : capturedCommands(read_file(dir + "/cap.pcap")))
+    if (c[8] == 0x11) devAddrs.push_back(unsigned(c[17]) << 8 | c[18]);
+  ASSERT_GE(devAddrs.size(), 3u);
+  EXPECT_EQ(devAddrs.front(), 0xA8u);
+  EXPECT_NE(std::find(devAddrs.begin(), devAddrs.end(), 0xAAu), devAddrs.end());
+  EXPECT_EQ(devAddrs.back(), 0xA8u);
+}
+
+}  // namespace
