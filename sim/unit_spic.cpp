@@ -207,7 +207,7 @@ bool spic_read(uint32_t addr, uint32_t &value) {
       value = pop_word();
       return true;
     case kArbitration:
-      value = store_get(kArbitration) | (g.ownedElsewhere ? kOtherOwner : 0);
+      value = (store_get(kArbitration) & ~kOtherOwner) | (g.ownedElsewhere ? kOtherOwner : 0);
       return true;
     default:
       return false;
@@ -222,6 +222,10 @@ bool spic_write(uint32_t addr, uint32_t value) {
     case kEnable:
       store_set(kEnable, value);
       if (value & 1) run_cycle();
+      return true;
+    case kArbitration:
+      // Bit 24 belongs to the other master: what the tool writes back there is not kept.
+      store_set(kArbitration, value & ~kOtherOwner);
       return true;
     default:
       return false;

@@ -1,6 +1,11 @@
 // The `spi` command run as a user runs it: the tool on the simulated board, its output
 // compared byte for byte, the flash image checked in the board's state directory.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <initializer_list>
 #include <string>
@@ -36,6 +41,7 @@ class Bench {
 
   std::string flash() const { return read_file(cwd_ + "/sim/flash.bin"); }
   std::string path(const std::string &name) const { return cwd_ + "/" + name; }
+  const std::string &cwd() const { return cwd_; }
   void put(const std::string &name, const std::string &content) const { write_file(path(name), content); }
 
  private:
@@ -281,10 +287,83 @@ TEST(SpiCommand, CalibrationFindsADelayOrFailsAndUpdateStopsAtOnce) {
 
 TEST(SpiCommand, FlashHeldByAnotherMaster) {
   Bench b;
+  b.put("img.bin", pattern(64, 6));
+  // An update that fails calibration returns without giving the flash back.
+  b.run("spi update img.bin\n", {{"KIVTOOL_SIM_FLASH_DLY_MIN", "40"}, {"KIVTOOL_SIM_FLASH_DLY_MAX", "50"}});
   std::string err;
   std::string out = b.run("spi rdid\n", {{"KIVTOOL_SIM_FLASH_OWNED", "1"}}, &err);
   EXPECT_EQ(out, kOk);
   EXPECT_NE(err.find("not free (code -11)"), std::string::npos) << err;
+  // Once the other master lets go, the flash is ours again.
+  out = b.run("spi rdid\n");
+  EXPECT_EQ(out, "manfacturer ID ef deviceID0 40 deviceID1 16\n" + kOk);
+}
+
+// Runs one command with stdout on a pipe and stderr on a pseudo-terminal.
+ToolResult run_with_terminal_stderr(const std::string &cwd, const std::vector<std::string> &args) {
+  ToolResult res;
+  int master = -1, slave = -1, out[2];
+  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0 || pipe(out) != 0) return res;
+  pid_t pid = fork();
+  if (pid == 0) {
+    int nul = open("/dev/null", O_RDONLY);
+    dup2(nul, 0);
+    dup2(out[1], 1);
+    dup2(slave, 2);
+    for (int fd : {nul, out[0], out[1], slave, master}) close(fd);
+    if (chdir(cwd.c_str()) != 0) _exit(126);
+    setenv("KIVTOOL_SIM", (cwd + "/sim").c_str(), 1);
+    std::vector<char *> argv = {const_cast<char *>(KIVTOOL_PATH)};
+    for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(KIVTOOL_PATH, argv.data());
+    _exit(127);
+  }
+  close(slave);
+  close(out[1]);
+  std::array<char, 4096> buf;
+  bool outOpen = true, errOpen = true;
+  while (outOpen || errOpen) {
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {master, POLLIN, 0}};
+    if (poll(fds, 2, 20000) <= 0) {
+      res.timedOut = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    if (outOpen && fds[0].revents) {
+      ssize_t n = read(out[0], buf.data(), buf.size());
+      if (n > 0) res.out.append(buf.data(), (size_t)n);
+      else outOpen = false;
+    }
+    if (errOpen && fds[1].revents) {
+      ssize_t n = read(master, buf.data(), buf.size());   // EIO once the child is gone
+      if (n > 0) res.err.append(buf.data(), (size_t)n);
+      else errOpen = false;
+    }
+  }
+  close(out[0]);
+  close(master);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  res.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return res;
+}
+
+TEST(SpiCommand, ProgressBarOnlyWhenStderrIsATerminal) {
+  Bench b;
+  b.put("img.bin", pattern(200000, 5));
+  b.run("spi update img.bin\n");
+  ToolRun plain;
+  plain.cwd = b.cwd();
+  plain.args = {"spi", "verify", "img.bin"};
+  ToolResult piped = run_tool(plain);
+  ToolResult tty = run_with_terminal_stderr(b.cwd(), plain.args);
+  ASSERT_FALSE(tty.timedOut);
+  EXPECT_EQ(piped.err, "");
+  EXPECT_EQ(tty.out, piped.out);
+  EXPECT_NE(tty.out.find("Matched: Compare Image Length 200000\n"), std::string::npos) << tty.out;
+  EXPECT_NE(tty.err.find("verify"), std::string::npos) << tty.err;
+  EXPECT_NE(tty.err.find("100%"), std::string::npos) << tty.err;
 }
 
 }  // namespace

@@ -77,8 +77,10 @@ TEST(SpiFlashLayer, ArbitrationGrantsAndReleases) {
 TEST(SpiFlashLayer, ArbitrationRefusedWhenAnotherMasterHoldsTheFlash) {
   FlashBoard board({{"FLASH_OWNED", "1"}});
   spi_flash_page(PAGE_SWCORE);
+  sim::chip_write(SPIF_ARBITRATION, 1u << 25);   // our request, left over from an earlier run
   EXPECT_EQ(spi_flash_acquire(), -11);
-  EXPECT_EQ(sim::chip_read(SPIF_ARBITRATION) & (1u << 25), 0u);
+  EXPECT_EQ(spi_flash_release(), 0);
+  EXPECT_EQ(sim::chip_read(SPIF_ARBITRATION), 1u << 24);   // only the other master's bit is left
 }
 
 TEST(SpiFlashLayer, IdentificationStatusAndLatch) {
