@@ -17,7 +17,6 @@ const std::string kGetOver = "GET CMD Over\n";
 TEST(SetCommand, ClosingLineAndUnsupportedWords) {
   expectSession({
       {"set e0tdly 5", kSetOver + kOk},
-      {"set savecontest", kSetOver + kOk},
       {"set autocal 3", "set autocal: not supported\n" + kSetOver + errnoLine(-1)},
       {"set wrimage x.bin", "set wrimage: not supported\n" + kSetOver + errnoLine(-1)},
   });
