@@ -149,6 +149,14 @@ TEST_F(Dispatch, ReportLines) {
   EXPECT_TRUE(seen().empty());
 }
 
+TEST_F(Dispatch, ScriptUser) {
+  ASSERT_EQ(kiv_init(1, 256, 256), 0);
+  ASSERT_EQ(kiv_userInit("script", 1, 0xC0, 4, &kRoot), 0u);
+  EXPECT_EQ(engine_run("show 3").out, "");   // no success line for scripts
+  g_result = -9;
+  EXPECT_EQ(engine_run("show  \"7\"").out, "Script: show 7 Errno : -9\n");
+}
+
 TEST_F(Dispatch, RawRows) {
   LineResult r = engine_run("raw one two");
   EXPECT_EQ(r.out, "Success!!\n");
@@ -230,6 +238,8 @@ TEST_F(Dispatch, Listings) {
   EXPECT_EQ(engine_run("sh ?").out, "ambiguous command\n");
   EXPECT_EQ(engine_run("lab ?").out,
             "power                power supply\nbench                bench group\n");
+  EXPECT_EQ(engine_run("lab power ?").out,
+            "\non                        switch on\noff                       switch off\n\n");
   EXPECT_TRUE(seen().empty());
 
   // A partial word.
@@ -332,6 +342,10 @@ TEST_F(Dispatch, GroupsAndPrompt) {
   EXPECT_EQ(seen(), (V{"argc=1", "on"}));
   kiv_getPrompt(0, prompt, sizeof prompt);
   EXPECT_STREQ(prompt, "<T/>");
+
+  // A group by unique prefix.
+  EXPECT_EQ(engine_run("la power off").out, "Success!!\n");
+  EXPECT_EQ(seen(), (V{"argc=1", "off"}));
 
   // Entering and leaving.
   LineResult r = engine_run("lab");

@@ -230,3 +230,35 @@ TEST(CommandTable, NotSupportedRows) {
 }
 
 }  // namespace
+
+namespace {
+
+// Random lines made of table words, their prefixes, numbers and odd characters, asked
+// for help and completion (no handler runs in those modes): the engine must neither
+// crash nor overrun, and the output buffer stays a terminated text.
+TEST(CommandTable, RandomLinesForHelpAndCompletion) {
+  engine_setUp(&hx5200_rootGroup);
+  const char *vocab[] = {"reg", "re", "vlan", "vl", "igretag", "set", "status", "all", "enable", "get", "g",
+                         "%", "%d", "0x10", "5", "\"", "\"a b\"", "<cr>", "<", "x", "spi", "wrsr", "1",
+                         "2", "mib", "dread", "sram", "qos", "Queue", "-", "1.2.3.4", "e", "in", "?x"};
+  unsigned seed = 12345;
+  auto next = [&seed] {
+    seed = seed * 1103515245u + 12345u;
+    return (seed >> 16) & 0x7fff;
+  };
+  for (int i = 0; i < 400; i++) {
+    std::string line;
+    const int words = 1 + static_cast<int>(next() % 7);
+    for (int w = 0; w < words; w++) {
+      if (w) line += next() % 5 ? " " : "\t";
+      line += vocab[next() % (sizeof vocab / sizeof vocab[0])];
+    }
+    const bool tab = next() % 2;
+    if (!tab) line += next() % 2 ? " ?" : "?";
+    SCOPED_TRACE(line);
+    LineResult r = engine_run(line, tab);
+    EXPECT_LT(r.buf.size(), static_cast<size_t>(KIV_OUTBUF_SIZE));
+  }
+}
+
+}  // namespace
