@@ -34,6 +34,23 @@ struct kiv_indexStack_t {
 
 constexpr kiv_uint32 roundUp4(kiv_uint32 v) { return (v + 3u) & ~3u; }
 
+// Re-entrant tokenizer with a single separator character, as strtok_r(text, "c", save)
+// cuts: runs of the separator count as one and empty pieces vanish. The first call passes
+// the text, later calls null.
+char *cutAt(char *text, char sep, char **save) {
+  char *p = text ? text : *save;
+  while (*p == sep) p++;
+  if (*p == '\0') {
+    *save = p;
+    return nullptr;
+  }
+  char *piece = p;
+  p = strchrnul(p, sep);
+  if (*p != '\0') *p++ = '\0';
+  *save = p;
+  return piece;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -61,7 +78,10 @@ static char _synopsisCopy[MAX_CMD_TEMPBUFFER];
 // _dirtyNodes are known to be zero, so clearing only has to cover [0, _dirtyNodes).
 // Every write of a record or a link raises the mark first.
 static kiv_uint32 _dirtyNodes = MAX_TOKENS;   // unknown at start: the first clear is full
+static kiv_uint16 _rowEnd[MAX_TOKENS];         // per row: columns at or above are zero
 static bool _fullClear;
+// Nodes whose readCount is not 0; while there are none, resetting read counts is a no-op.
+static kiv_uint32 _readCountsSet;
 
 // Walk marks: a node is visited/listed in the current walk when its stamp equals the
 // walk's generation. Keeps candidate collection and end reachability finite on cyclic
@@ -78,6 +98,7 @@ static void _touch(kiv_uint32 index) {
 
 static void _setLink(kiv_uint32 from, kiv_uint32 to) {
   _touch(from > to ? from : to);
+  if (to + 1 > _rowEnd[from]) _rowEnd[from] = (kiv_uint16)(to + 1);
   _links[from][to] = 1;
 }
 
@@ -98,13 +119,18 @@ static kiv_uint32 _newWalk() {
 static void _clearAllNodes() {
   kiv_uint32 count = _fullClear ? MAX_TOKENS : _dirtyNodes;
   memset(_nodes, 0, count * sizeof(kiv_parseNode_t));
+  _readCountsSet = 0;
 }
 
 static void _clearAllLinks() {
   if (_fullClear) {
     memset(_links, 0, sizeof _links);
+    memset(_rowEnd, 0, sizeof _rowEnd);
   } else {
-    for (kiv_uint32 row = 0; row < _dirtyNodes; row++) memset(_links[row], 0, _dirtyNodes);
+    for (kiv_uint32 row = 0; row < _dirtyNodes; row++) {
+      memset(_links[row], 0, _rowEnd[row]);
+      _rowEnd[row] = 0;
+    }
   }
   // Records were cleared just before the split; with the links gone nothing is dirty.
   _dirtyNodes = 0;
@@ -116,9 +142,13 @@ static void _clearNode(kiv_uint32 i) {
   if (_fullClear) {
     for (kiv_uint32 row = 0; row < MAX_TOKENS; row++) _links[row][i] = 0;
     memset(_links[i], 0, MAX_TOKENS + 1);
-  } else {
+    _rowEnd[i] = 0;
+  } else if (i < _dirtyNodes) {
+    // At or above the mark, row i and column i are zero already: nothing a link write
+    // touched lies there.
     for (kiv_uint32 row = 0; row < _dirtyNodes; row++) _links[row][i] = 0;
-    if (i < _dirtyNodes) memset(_links[i], 0, _dirtyNodes);
+    memset(_links[i], 0, _dirtyNodes);
+    _rowEnd[i] = 0;
   }
   _touch(i);
 }
@@ -181,14 +211,14 @@ static kiv_uint32 _splitCmdFormatTokens(void) {
 
   char *quoteSave = nullptr;
   bool helpPiece = false;
-  for (char *piece = strtok_r(_usageCopy, "'", &quoteSave); piece;
-       piece = strtok_r(nullptr, "'", &quoteSave), helpPiece = !helpPiece) {
+  for (char *piece = cutAt(_usageCopy, '\'', &quoteSave); piece;
+       piece = cutAt(nullptr, '\'', &quoteSave), helpPiece = !helpPiece) {
     if (helpPiece) {
       if (index > 0 && index <= MAX_TOKENS) _tokens[index - 1].help = piece;
       continue;
     }
     char *spaceSave = nullptr;
-    for (char *tok = strtok_r(piece, " ", &spaceSave); tok; tok = strtok_r(nullptr, " ", &spaceSave))
+    for (char *tok = cutAt(piece, ' ', &spaceSave); tok; tok = cutAt(nullptr, ' ', &spaceSave))
       append(tok);
   }
   append(const_cast<char *>(kEndText));
@@ -349,7 +379,7 @@ static kiv_uint32 _createCommandGraph(void) {
 
     if (token[0] == '(') {
       char *rest = nullptr;
-      char *repeater = strtok_r(token + 1, ")", &rest);
+      char *repeater = cutAt(token + 1, ')', &rest);
       KIV_ASSERT_IN(PARSER_FILE, repeater!=NULL);
       const char *lower = repeater;
       const char *upper = strchr(repeater, '~');
@@ -496,7 +526,10 @@ static void _collectFrom(kiv_uint32 a, kiv_uint32 gen) {
   _visitStamp[a] = gen;
   for (kiv_uint32 j = 0; j <= _nodeUsed && j < MAX_TOKENS; j++) {
     kiv_parseNode_t &cand = _nodes[j];
-    cand.readCount = 0;
+    if (_readCountsSet && cand.readCount) {
+      cand.readCount = 0;
+      _readCountsSet--;
+    }
     if (!_links[a][j]) continue;
     if (!_isMatchable(cand)) {
       // A self-linked pass-through node continues with the node after it.
@@ -743,7 +776,7 @@ kiv_int32 ciscoCmdGetNextToken(void **nextToken, kiv_uint32 *size, void **savedD
   }
 
   if (n->repeat) {
-    n->readCount++;
+    if (n->readCount++ == 0) _readCountsSet++;
     if (n->readCount < n->repeatCount) return 0;
   }
   *savedData = n->nextIndex ? &_nodes[n->nextIndex] : nullptr;
@@ -819,11 +852,11 @@ void ciscoCmdPrintSynopsis(const char *title, const char *cmdUsage) {
   kiv_uint32 count = 0;
   char *quoteSave = nullptr;
   bool helpPiece = false;
-  for (char *piece = strtok_r(_synopsisCopy, "'", &quoteSave); piece;
-       piece = strtok_r(nullptr, "'", &quoteSave), helpPiece = !helpPiece) {
+  for (char *piece = cutAt(_synopsisCopy, '\'', &quoteSave); piece;
+       piece = cutAt(nullptr, '\'', &quoteSave), helpPiece = !helpPiece) {
     if (helpPiece) continue;
     char *spaceSave = nullptr;
-    for (char *tok = strtok_r(piece, " ", &spaceSave); tok; tok = strtok_r(nullptr, " ", &spaceSave)) {
+    for (char *tok = cutAt(piece, ' ', &spaceSave); tok; tok = cutAt(nullptr, ' ', &spaceSave)) {
       for (char *c = tok; *c; c++)
         if (*c == '\t') *c = ' ';
       count++;
