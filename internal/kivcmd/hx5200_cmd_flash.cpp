@@ -564,7 +564,7 @@ kiv_int32 hx5200_cmd_spi(kiv_uint32 uid, kiv_int32 argc, void **argv) {
     Outcome o = run_subcommand(word, argv);
     if (o.now) return o.rc;
   } else {
-    std::fprintf(stderr, "spi: the flash is not free (code %d)\n", (int)acquired);
+    std::fprintf(stderr, "spi: could not own the flash (code %d)\n", (int)acquired);
   }
   int32_t rc = spi_flash_release();
   puts("SPI Flash CMD Over");

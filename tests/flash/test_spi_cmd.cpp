@@ -293,10 +293,23 @@ TEST(SpiCommand, FlashHeldByAnotherMaster) {
   std::string err;
   std::string out = b.run("spi rdid\n", {{"KIVTOOL_SIM_FLASH_OWNED", "1"}}, &err);
   EXPECT_EQ(out, kOk);
-  EXPECT_NE(err.find("not free (code -11)"), std::string::npos) << err;
+  EXPECT_NE(err.find("could not own the flash (code -11)"), std::string::npos) << err;
   // Once the other master lets go, the flash is ours again.
   out = b.run("spi rdid\n");
   EXPECT_EQ(out, "manfacturer ID ef deviceID0 40 deviceID1 16\n" + kOk);
+}
+
+TEST(SpiCommand, AdapterLostHalfwayThroughAnUpdate) {
+  Bench b;
+  b.put("img.bin", pattern(256 * 1024, 7));
+  std::string out = b.run("spi update img.bin\n", {{"KIVTOOL_SIM_FAULTS", "unplug@20000"}});
+  // The update stops at the first failed access, says how far it got, and the handler
+  // reports the transport's code.
+  size_t at = out.find("Image Length ");
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_LT(std::stoul(out.substr(at + 13)), 256u * 1024);
+  EXPECT_EQ(out.find("Matched"), std::string::npos);
+  EXPECT_NE(out.find("SPI Flash CMD Over\nErrno : 8\n"), std::string::npos) << out;
 }
 
 // Runs one command with stdout on a pipe and stderr on a pseudo-terminal.
