@@ -41,7 +41,6 @@ TEST(ParamTypes, TableAndLookup) {
     EXPECT_EQ(kiv_builtinParamTypes[i].values, nullptr);
     EXPECT_EQ(kiv_findParamType(nullptr, names[i]), &kiv_builtinParamTypes[i]);
   }
-  EXPECT_STREQ(kiv_builtinParamTypes[4].help, "An IP address and CIDR. X.X.X.X/Y (X=0~255,Y=0~32)");
   EXPECT_EQ(kiv_findParamType(nullptr, "%x"), nullptr);
   EXPECT_EQ(kiv_findParamType(nullptr, "%"), nullptr);
 
@@ -86,17 +85,10 @@ TEST(ParamTypes, TextTypes) {
   Check c;
   EXPECT_EQ(c(kiv_checkDynCmdParam_String, "any 1 text"), 0);
   EXPECT_EQ(c.slot, static_cast<void *>(c.token));   // the value is the typed text itself
-  EXPECT_EQ(c(kiv_checkDynCmdParam_String, ""), 0);
-  EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "Abc"), 0);
-  EXPECT_EQ(c.slot, static_cast<void *>(c.token));
   EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "zed"), 0);
+  EXPECT_EQ(c.slot, static_cast<void *>(c.token));
   EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "1abc"), -1);
   EXPECT_EQ(c.redirect, 0u);
-  EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "_x"), -1);
-  void *slot = nullptr;
-  kiv_memaddr redirect = 7;
-  EXPECT_EQ(kiv_checkDynCmdParam_String(&slot, nullptr, 0, &redirect), -1);
-  EXPECT_EQ(redirect, 0u);
 }
 
 TEST(ParamTypes, IpAddress) {

