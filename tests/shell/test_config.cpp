@@ -1,4 +1,4 @@
-// kivcfg.txt reading and the prompt / pre-load rules, in-process.
+// kivcfg.txt and the prompt / pre-load rules, in-process.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,29 +13,24 @@
 
 namespace {
 
-struct Settings {
-  unsigned iface;
-  unsigned i2c;
-  unsigned mdc;
-};
-
 class ConfigFile : public ::testing::Test {
  protected:
   void SetUp() override {
     oldCwd_ = std::filesystem::current_path();
     dir_ = make_temp_dir("kivcfg");
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
-    access_if_set(ACCESS_IF_RESERVED);   // a value the file cannot select, to see changes
-    i2caddrid = 4;
-    mdcaddrid = 24;
+    std::filesystem::current_path(dir_);
+    reset();
   }
   void TearDown() override {
     access_if_set(ACCESS_IF_I2C);
-    i2caddrid = 4;
-    mdcaddrid = 24;
     std::filesystem::current_path(oldCwd_);
   }
-  // Loads `content` as kivcfg.txt and returns what was printed.
+  static void reset() {
+    access_if_set(ACCESS_IF_RESERVED);   // a code the file cannot select: shows any change
+    i2caddrid = 4;
+    mdcaddrid = 24;
+  }
+  // Loads `content` as kivcfg.txt; returns what was printed.
   std::string load(const std::string &content) {
     write_file(dir_ + "/kivcfg.txt", content);
     ::testing::internal::CaptureStdout();
@@ -43,150 +38,78 @@ class ConfigFile : public ::testing::Test {
     fflush(stdout);
     return ::testing::internal::GetCapturedStdout();
   }
-  Settings now() const { return {access_if, i2caddrid, mdcaddrid}; }
-
   std::filesystem::path oldCwd_;
   std::string dir_;
 };
 
-TEST_F(ConfigFile, InterfaceKeyUsesFirstThreeCharactersOfTheFixedColumn) {
-  EXPECT_EQ(load("interface spi\n"), "");
-  EXPECT_EQ(access_if, ACCESS_IF_SPI);
-  load("interface smi\n");
-  EXPECT_EQ(access_if, ACCESS_IF_SMI);
-  load("interface i2cfoo\n");
-  EXPECT_EQ(access_if, ACCESS_IF_I2C);
-  // Any separator character: the value column is fixed.
-  load("interface=spi\n");
-  EXPECT_EQ(access_if, ACCESS_IF_SPI);
-  // Unknown values and a shifted value column change nothing, silently, at any level.
-  EXPECT_EQ(load("debug 3\ninterface uart\ninterface  smi\n"), "");
-  EXPECT_EQ(access_if, ACCESS_IF_SPI);
-  // Keys are case-sensitive.
-  EXPECT_EQ(load("debug 3\nInterface smi\n"), "no match\r\n");
-  EXPECT_EQ(access_if, ACCESS_IF_SPI);
-}
-
-TEST_F(ConfigFile, I2cAddressIdTakesOneDigitMaskedToThreeBits) {
-  load("i2caddrid 9\n");
-  EXPECT_EQ(i2caddrid, 1);
-  load("i2caddrid 5\n");
-  EXPECT_EQ(i2caddrid, 5);
-  // The leading digit wins over the hexadecimal form.
-  load("i2caddrid 0x6\n");
-  EXPECT_EQ(i2caddrid, 0);
-  load("i2caddrid 73\n");
-  EXPECT_EQ(i2caddrid, 7);
-  EXPECT_EQ(load("debug 2\ni2caddrid 3\ni2caddrid q\n"), "i2caddress 3\r\ni2caddrid is not a number: q\r\n");
-  EXPECT_EQ(i2caddrid, 3);
-  EXPECT_EQ(load("debug 1\ni2caddrid 6\ni2caddrid q\n"), "");
-  EXPECT_EQ(i2caddrid, 6);
-}
-
-TEST_F(ConfigFile, MdcAddressIdDecimalAndHexForms) {
+TEST_F(ConfigFile, ValuesComeFromAFixedColumn) {
   const struct {
     const char *line;
-    unsigned want;
+    unsigned iface, i2c, mdc;
   } cases[] = {
-      {"mdcaddrid 31\n", 31}, {"mdcaddrid 0x1f\n", 31}, {"mdcaddrid 123\n", 12}, {"mdcaddrid 7a\n", 7},
-      {"mdcaddrid 0X10\n", 16}, {"mdcaddrid 0x1ff\n", 31}, {"mdcaddrid 99\n", 99}, {"mdcaddrid:5\n", 5},
+      {"interface spi\n", 2, 4, 24},   {"interface smi\n", 1, 4, 24},  {"interface i2cfoo\n", 0, 4, 24},
+      {"interface=spi\n", 2, 4, 24},   {"interface uart\n", 3, 4, 24}, {"interface  smi\n", 3, 4, 24},
+      {"Interface smi\n", 3, 4, 24},   {"i2caddrid 9\n", 3, 1, 24},    {"i2caddrid 5\r\n", 3, 5, 24},
+      {"i2caddrid 0x6\n", 3, 0, 24},   {"i2caddrid q\n", 3, 4, 24},    {"mdcaddrid 31\n", 3, 4, 31},
+      {"mdcaddrid 0x1f\n", 3, 4, 31},  {"mdcaddrid 123\n", 3, 4, 12},  {"mdcaddrid 7a\n", 3, 4, 7},
+      {"mdcaddrid 0X10\n", 3, 4, 16},  {"mdcaddrid 0x1ff\n", 3, 4, 31}, {"mdcaddrid:5\r\n", 3, 4, 5},
+      {"mdcaddrid z\n", 3, 4, 24},     {"interface spi", 2, 4, 24},    // no final newline
   };
   for (const auto &c : cases) {
-    mdcaddrid = 24;
-    load(c.line);
-    EXPECT_EQ(mdcaddrid, c.want) << c.line;
+    reset();
+    EXPECT_EQ(load(c.line), "") << c.line;   // debug level 0: silent
+    EXPECT_EQ(access_if, c.iface) << c.line;
+    EXPECT_EQ(i2caddrid, c.i2c) << c.line;
+    EXPECT_EQ(mdcaddrid, c.mdc) << c.line;
   }
-  EXPECT_EQ(load("debug 2\nmdcaddrid 0x0a\nmdcaddrid 12\nmdcaddrid z\n"),
-            "mdcaddrid 10\r\nmdcaddrid 12\r\nmdcaddrid is not a number: z\r\n");
-  EXPECT_EQ(mdcaddrid, 12);
 }
 
-TEST_F(ConfigFile, DebugLevelGovernsMessagesOfLaterLinesOnly) {
-  const std::string body = "# comment\nfoo bar\ninterface smi\n";
-  EXPECT_EQ(load(body + "debug 3\n" + body),
-            "skip # comment\n\r\nno match\r\ninterface smi\r\n");
-  EXPECT_EQ(load("debug 2\n" + body), "interface smi\r\n");
+TEST_F(ConfigFile, DebugLevelGovernsTheMessagesOfLaterLines) {
+  const std::string body = "# note\nfoo\ninterface smi\ni2caddrid 3\ni2caddrid q\nmdcaddrid 0x0a\nmdcaddrid z\n";
+  const std::string level2 = "interface smi\r\ni2caddress 3\r\ni2caddrid is not a number: q\r\n"
+                             "mdcaddrid 10\r\nmdcaddrid is not a number: z\r\n";
+  EXPECT_EQ(load(body + "debug 3\n" + body), "skip # note\n\r\nno match\r\n" + level2);
+  EXPECT_EQ(load("debug 2\n" + body), level2);
   EXPECT_EQ(load("debug 1\n" + body), "interface smi\r\n");
-  EXPECT_EQ(load("debug 0\n" + body), "");
-  // Only column 6 counts: "12" is level 1, a non-digit is level 0.
-  EXPECT_EQ(load("debug 12\n" + body), "interface smi\r\n");
+  EXPECT_EQ(load("debug 12\n" + body), "interface smi\r\n");   // only column 6 counts
   EXPECT_EQ(load("debug x\n" + body), "");
-  // An empty line is an unknown key.
-  EXPECT_EQ(load("debug 3\n\n"), "no match\r\n");
-  Settings s = now();
-  EXPECT_EQ(s.iface, ACCESS_IF_SMI);
+  EXPECT_EQ(load("debug 3\n\nInterface smi\n"), "no match\r\nno match\r\n");
 }
 
-TEST_F(ConfigFile, MissingFileAndOverlongLinesAreHarmless) {
-  std::filesystem::remove(dir_ + "/kivcfg.txt");
+TEST_F(ConfigFile, MissingFileLongLinesAndJunkAreHarmless) {
   ::testing::internal::CaptureStdout();
   kiv_loadConfig();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(access_if, ACCESS_IF_RESERVED);
-  EXPECT_EQ(mdcaddrid, 24);
-
-  // A line longer than the read is taken in pieces: the rest is a line of its own.
-  std::string longLine = "mdcaddrid 17" + std::string(300, 'z') + "\n";
-  EXPECT_EQ(load("debug 3\n" + longLine + "interface spi"), "mdcaddrid 17\r\nno match\r\ninterface spi\r\n");
+  // A line longer than one read is taken in pieces; the rest is a line of its own.
+  EXPECT_EQ(load("debug 3\nmdcaddrid 17" + std::string(300, 'z') + "\ninterface spi"),
+            "mdcaddrid 17\r\nno match\r\ninterface spi\r\n");
   EXPECT_EQ(mdcaddrid, 17);
-  EXPECT_EQ(access_if, ACCESS_IF_SPI);   // a last line without newline still counts
-
-  // Binary junk does not upset the reader.
-  std::string junk(2000, '\0');
+  std::string junk(3000, '\0');
   for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<char>(i * 37);
   load(junk);
 }
 
-// ---- prompt and pre-load ----------------------------------------------------------------
-
-class Prompt : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::memset(kiv_pathBuffer, 0, KIV_PATHBUF_SIZE);
-    std::memset(kiv_outputBuffer, 0, KIV_OUTBUF_SIZE);
-    std::memset(line_, 'L', sizeof line_);
-    line_[sizeof line_ - 1] = '\0';
-  }
-  std::string build(signed char term) {
-    EXPECT_EQ(kiv_buildPrompt(prompt_, KIV_PROMPT_SIZE, line_, term), 0);
-    return prompt_;
-  }
-  char prompt_[KIV_PROMPT_SIZE + 8] = {};
-  char line_[KIV_LINE_SIZE + 8];
-};
-
-TEST_F(Prompt, PathUpToTabThenBlank) {
-  std::strcpy(kiv_pathBuffer, "<HX5200/>");
-  EXPECT_EQ(build(0), "<HX5200/> ");
-  std::strcpy(kiv_pathBuffer, "<HX5200/vlan>\tjunk");
-  EXPECT_EQ(build(0), "<HX5200/vlan> ");
-  std::memset(kiv_pathBuffer, 'p', KIV_PATHBUF_SIZE - 1);
-  std::string p = build(0);
-  EXPECT_EQ(p.size(), static_cast<size_t>(KIV_PROMPT_SIZE - 1));
-  EXPECT_EQ(p.back(), ' ');
-}
-
-TEST_F(Prompt, PreloadOnlyAfterHelpOrCompletionWithAPath) {
-  std::strcpy(kiv_pathBuffer, "<HX5200/>");
-  std::strcpy(kiv_outputBuffer, "reg read ");
-  build('?');
-  EXPECT_STREQ(line_, "reg read ");
-  std::strcpy(line_, "x");
-  build('\t');
-  EXPECT_STREQ(line_, "reg read ");
-  build(0);
-  EXPECT_STREQ(line_, "");
-  build('a');
-  EXPECT_STREQ(line_, "");
-  kiv_pathBuffer[0] = '\0';
-  std::strcpy(line_, "x");
-  build('?');
-  EXPECT_STREQ(line_, "");
-  // An output buffer without a terminator is cut to what the editor can hold.
-  std::strcpy(kiv_pathBuffer, "<HX5200/>");
-  std::memset(kiv_outputBuffer, 'o', KIV_OUTBUF_SIZE);
-  build('\t');
-  EXPECT_EQ(std::strlen(line_), static_cast<size_t>(KIV_LINE_SIZE - 2));
+TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
+  char prompt[KIV_PROMPT_SIZE] = {};
+  static char line[KIV_LINE_SIZE];
+  auto build = [&](const char *path, const char *out, signed char term) {
+    std::strncpy(kiv_pathBuffer, path, KIV_PATHBUF_SIZE);
+    std::strncpy(kiv_outputBuffer, out, KIV_OUTBUF_SIZE);
+    std::strcpy(line, "old");
+    EXPECT_EQ(kiv_buildPrompt(prompt, KIV_PROMPT_SIZE, line, term), 0);
+    return std::string(prompt) + "|" + line;
+  };
+  EXPECT_EQ(build("<HX5200/>", "reg read ", '?'), "<HX5200/> |reg read ");
+  EXPECT_EQ(build("<HX5200/vlan>\tjunk", "vlan ", '\t'), "<HX5200/vlan> |vlan ");
+  EXPECT_EQ(build("<HX5200/>", "reg read ", 0), "<HX5200/> |");
+  EXPECT_EQ(build("<HX5200/>", "reg read ", 'x'), "<HX5200/> |");
+  EXPECT_EQ(build("", "reg read ", '?'), " |");
+  // Bounded: a long path fills the prompt buffer, an unterminated output buffer the line.
+  std::string longPath(KIV_PATHBUF_SIZE - 1, 'p');
+  std::string longOut(KIV_OUTBUF_SIZE, 'o');
+  EXPECT_EQ(build(longPath.c_str(), longOut.c_str(), '\t'),
+            std::string(KIV_PROMPT_SIZE - 2, 'p') + " |" + std::string(KIV_LINE_SIZE - 2, 'o'));
 }
 
 }  // namespace
