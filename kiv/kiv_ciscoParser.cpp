@@ -509,7 +509,9 @@ static bool _endReachable(kiv_uint32 a, kiv_uint32 endNode) {
     if (a >= MAX_TOKENS || _visitStamp[a] == gen) return false;
     _visitStamp[a] = gen;
     kiv_int32 b = -1;
-    for (kiv_int32 j = (kiv_int32)_nodeUsed; j >= 0; j--) {
+    kiv_int32 top = (kiv_int32)_rowEnd[a] - 1;   // nothing is linked above
+    if (top > (kiv_int32)_nodeUsed) top = (kiv_int32)_nodeUsed;
+    for (kiv_int32 j = top; j >= 0; j--) {
       if (_links[a][j]) {
         b = j;
         break;
@@ -522,9 +524,24 @@ static bool _endReachable(kiv_uint32 a, kiv_uint32 endNode) {
   }
 }
 
+// First column at or after j (below end) whose link byte in row is set; end when none.
+static kiv_uint32 _nextLinked(const kiv_uint8 *row, kiv_uint32 j, kiv_uint32 end) {
+  while (j + 8 <= end) {
+    uint64_t word;
+    memcpy(&word, row + j, 8);
+    if (word) break;
+    j += 8;
+  }
+  while (j < end && !row[j]) j++;
+  return j;
+}
+
 static void _collectFrom(kiv_uint32 a, kiv_uint32 gen) {
   _visitStamp[a] = gen;
-  for (kiv_uint32 j = 0; j <= _nodeUsed && j < MAX_TOKENS; j++) {
+  const kiv_uint32 end = _nodeUsed + 1 < MAX_TOKENS ? _nodeUsed + 1 : MAX_TOKENS;
+  for (kiv_uint32 j = 0; j < end; j++) {
+    // With no read count to reset, unlinked columns need no visit.
+    if (_readCountsSet == 0 && (j = _nextLinked(_links[a], j, end)) >= end) break;
     kiv_parseNode_t &cand = _nodes[j];
     if (_readCountsSet && cand.readCount) {
       cand.readCount = 0;
@@ -534,7 +551,7 @@ static void _collectFrom(kiv_uint32 a, kiv_uint32 gen) {
     if (!_isMatchable(cand)) {
       // A self-linked pass-through node continues with the node after it.
       if (j == a) j++;
-      if (j <= _nodeUsed && j < MAX_TOKENS && _visitStamp[j] != gen) _collectFrom(j, gen);
+      if (j < end && _visitStamp[j] != gen) _collectFrom(j, gen);
       continue;
     }
     if (j == a) {
