@@ -781,7 +781,6 @@ kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 ou
     }
     if (ISSET(u.state, kCompletion)) preloadAfterRequest(u, line);
   }
-  (void)kExitWords;
   u.busy = 0;
   return ok ? 0 : -1;
 }
