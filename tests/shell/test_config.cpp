@@ -94,8 +94,8 @@ TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
   char prompt[KIV_PROMPT_SIZE] = {};
   static char line[KIV_LINE_SIZE];
   auto build = [&](const char *path, const char *out, signed char term) {
-    std::strncpy(kiv_pathBuffer, path, KIV_PATHBUF_SIZE);
-    std::strncpy(kiv_outputBuffer, out, KIV_OUTBUF_SIZE);
+    std::snprintf(kiv_pathBuffer, KIV_PATHBUF_SIZE, "%s", path);
+    std::snprintf(kiv_outputBuffer, KIV_OUTBUF_SIZE, "%s", out);
     std::strcpy(line, "old");
     EXPECT_EQ(kiv_buildPrompt(prompt, KIV_PROMPT_SIZE, line, term), 0);
     return std::string(prompt) + "|" + line;

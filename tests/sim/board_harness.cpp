@@ -98,7 +98,7 @@ Bytes hdr(uint8_t code, uint8_t sub, const Bytes &addrBlock) {
   b[8] = code;
   b[9] = sub;
   b[23] = (uint8_t)addrBlock.size();
-  b.insert(b.end(), addrBlock.begin(), addrBlock.end());
+  for (uint8_t x : addrBlock) b.push_back(x);
   return b;
 }
 Bytes config_hdr(uint8_t code, uint8_t paramA, uint16_t paramB) {
