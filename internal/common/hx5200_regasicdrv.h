@@ -72,7 +72,7 @@ constexpr uint32_t L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN = 1;
 constexpr uint32_t L2_MC_LOOKUP_CTRL_FIX_FID_LSP = 20;
 constexpr uint32_t L2_MC_LOOKUP_CTRL_FIX_FID_LEN = 12;
 
-// ---- table access unit (project-defined layout, see docs/board-mib-vlan.md) ------------
+// ---- table access unit (project-defined layout, see docs/board.md) ------------
 // Control word: index, table id, operation, error flag, start/busy.
 constexpr uint32_t TBL_ACCESS_CTRL = 0x4A300000u;
 constexpr uint32_t TBL_ACCESS_CTRL_INDEX_LSP = 0;
