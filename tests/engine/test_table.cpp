@@ -14,13 +14,13 @@ namespace {
 
 // Each row: name, the first words its grammar offers (in order; "..." at the end when
 // the grammar offers more), and whether it is one of the rows the tool does not provide.
-struct RowSpec {
+struct RowWant {
   const char *name;
   const char *words;
   bool notSupported;
 };
 
-constexpr RowSpec kRows[52] = {
+constexpr RowWant kRows[52] = {
     {"reg", "set get setbit getbit setbits getbits getburst chgpage indirset indirget", false},
     {"mib", "enable read sys lag route sread dread dumpreg rwaketest clear clearall", false},
     {"spi",
@@ -139,13 +139,13 @@ TEST(CommandTable, RowsAndFirstWords) {
   EXPECT_EQ(hx5200_rootGroup.subGroupCount, 0);
   for (size_t i = 0; i < 52; i++) {
     const kiv_cmd_t &row = hx5200_cmdTable[i];
-    const RowSpec &spec = kRows[i];
-    SCOPED_TRACE(std::to_string(i) + " " + spec.name);
-    EXPECT_STREQ(row.cmdName, spec.name);
+    const RowWant &want = kRows[i];
+    SCOPED_TRACE(std::to_string(i) + " " + want.name);
+    EXPECT_STREQ(row.cmdName, want.name);
     EXPECT_EQ(row.cmdFlags, KIV_USECISCOCMDPARSER);
     EXPECT_LT(std::strlen(row.cmdUsage), static_cast<size_t>(MAX_CMD_TEMPBUFFER));
-    EXPECT_EQ(row.cmdHandler == hx5200_cmd_notSupported, spec.notSupported);
-    std::vector<std::string> expect = split(spec.words);
+    EXPECT_EQ(row.cmdHandler == hx5200_cmd_notSupported, want.notSupported);
+    std::vector<std::string> expect = split(want.words);
     std::vector<std::string> words = firstWords(&row);
     if (expect.back() == "...") {
       expect.pop_back();
@@ -181,14 +181,14 @@ TEST(CommandTable, Hx3100Group) {
 TEST(CommandTable, NotSupportedRows) {
   engine_setUp(&hx5200_rootGroup);
   for (size_t i = 0; i < 52; i++) {
-    const RowSpec &spec = kRows[i];
-    if (!spec.notSupported || i == 36) continue;   // row 36 is shadowed by row 18
-    std::string word = split(spec.words)[0];
-    std::string line = std::string(spec.name) + " " + (word == "%d" ? "0x10 20" : word);
+    const RowWant &want = kRows[i];
+    if (!want.notSupported || i == 36) continue;   // row 36 is shadowed by row 18
+    std::string word = split(want.words)[0];
+    std::string line = std::string(want.name) + " " + (word == "%d" ? "0x10 20" : word);
     std::string shown = word == "%d" ? "16" : word;
     SCOPED_TRACE(line);
     LineResult r = engine_run(line);
-    EXPECT_EQ(r.out, std::string(spec.name) + " " + shown + ": not supported\nErrno : -1\n");
+    EXPECT_EQ(r.out, std::string(want.name) + " " + shown + ": not supported\nErrno : -1\n");
     EXPECT_EQ(r.rc, -1);
   }
   // The typed word after completion, and the command name after a unique prefix.
