@@ -4,6 +4,7 @@
 // completion request, "?\n" after a help request.
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -47,6 +48,8 @@ struct Editor {
   termios raw{};
   unsigned flags = 0;
   struct sigaction prevResize {};
+  sigset_t prevMask{};   // signal mask outside a read
+  sigset_t waitMask{};   // the same without the resize signal: used while waiting for a key
   std::array<HistorySlot, kHistoryLines + 1> history{};
   int historyCount = 0;
   int historyIndex = 0;
@@ -228,9 +231,17 @@ void installResizeHandler() {
   struct sigaction sa {};
   sa.sa_handler = onResizeSignal;
   sigemptyset(&sa.sa_mask);
-  sa.sa_flags = 0;  // no restart: a resize interrupts the key read so the line is redrawn
+  sa.sa_flags = 0;  // a resize ends the wait for a key, so the line is redrawn at once
   g_resizePending = 0;
   sigaction(SIGWINCH, &sa, &ed.prevResize);
+  // The resize signal is held back except while waiting for a key, so it cannot slip in
+  // between the check for a pending resize and the wait (and be missed until a key comes).
+  sigset_t resize;
+  sigemptyset(&resize);
+  sigaddset(&resize, SIGWINCH);
+  sigprocmask(SIG_BLOCK, &resize, &ed.prevMask);
+  ed.waitMask = ed.prevMask;
+  sigdelset(&ed.waitMask, SIGWINCH);
   ed.flags |= kFlagResizeInstalled;
   followWidth(false);
 }
@@ -242,6 +253,7 @@ void restoreTerminal() {
   }
   if (ed.flags & kFlagResizeInstalled) {
     sigaction(SIGWINCH, &ed.prevResize, nullptr);
+    sigprocmask(SIG_SETMASK, &ed.prevMask, nullptr);
     ed.flags &= ~kFlagResizeInstalled;
   }
   fflush(stdout);
@@ -257,6 +269,10 @@ int readKey() {
       g_resizePending = 0;
       followWidth(true);
     }
+    fd_set in;
+    FD_ZERO(&in);
+    FD_SET(0, &in);
+    if (pselect(1, &in, nullptr, nullptr, nullptr, &ed.waitMask) < 0 && errno == EINTR) continue;
     unsigned char c = 0;
     const ssize_t r = read(0, &c, 1);
     if (r == 1) return c;
