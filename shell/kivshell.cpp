@@ -163,6 +163,10 @@ void runInteractive() {
 
 void kiv_loadConfig(void) {
   static constexpr char kFile[] = "kivcfg.txt";
+  static constexpr struct {
+    const char *name;
+    uint8_t code;
+  } kInterfaces[] = {{"i2c", ACCESS_IF_I2C}, {"smi", ACCESS_IF_SMI}, {"spi", ACCESS_IF_SPI}};
   if (access(kFile, R_OK) != 0) return;
   FILE *f = platform_hooks.fopen ? platform_hooks.fopen(kFile, "r") : fopen(kFile, "r");
   if (!f) return;
@@ -178,26 +182,18 @@ void kiv_loadConfig(void) {
       debugLevel = atoi(&buf[6]);
     } else if (strncmp(buf, "interface", 9) == 0) {
       // Only the first three characters of the value count.
-      if (strncmp(&buf[10], "i2c", 3) == 0) {
-        access_if_set(ACCESS_IF_I2C);
-        if (debugLevel != 0) puts("interface i2c\r");
-      } else if (strncmp(&buf[10], "smi", 3) == 0) {
-        access_if_set(ACCESS_IF_SMI);
-        if (debugLevel != 0) puts("interface smi\r");
-      } else if (strncmp(&buf[10], "spi", 3) == 0) {
-        access_if_set(ACCESS_IF_SPI);
-        if (debugLevel != 0) puts("interface spi\r");
+      for (const auto &i : kInterfaces) {
+        if (strncmp(&buf[10], i.name, 3) != 0) continue;
+        access_if_set(i.code);
+        if (debugLevel != 0) printf("interface %s\r\n", i.name);
+        break;
       }
     } else if (strncmp(buf, "i2caddrid", 9) == 0) {
       if (isdigit(static_cast<unsigned char>(buf[10]))) {
-        // One decimal digit; "0x5" therefore reads as 0 (the hex form below is never
-        // reached, and existing configuration files rely on that).
+        // One decimal digit, so "0x5" reads as 0: a hexadecimal form is never taken, and
+        // existing configuration files rely on that.
         buf[11] = '\0';
         i2caddrid = static_cast<uint8_t>(atoi(&buf[10]) & 7);
-        if (debugLevel > 1) printf("i2caddress %u\r\n", static_cast<unsigned>(i2caddrid));
-      } else if (buf[10] == '0' && (buf[11] == 'x' || buf[11] == 'X')) {
-        buf[14] = '\0';
-        i2caddrid = static_cast<uint8_t>(strtoul(&buf[10], nullptr, 16) & 7);
         if (debugLevel > 1) printf("i2caddress %u\r\n", static_cast<unsigned>(i2caddrid));
       } else if (debugLevel > 1) {
         printf("i2caddrid is not a number: %c\r\n", buf[10]);
