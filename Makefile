@@ -43,5 +43,14 @@ sanitize: deps
 bench: build
 	@for b in $(BUILD)/bench_*; do [ -x "$$b" ] && "$$b"; done
 
+FUZZ_BUILD ?= build-fuzz
+
+# libFuzzer targets (clang, address and undefined-behaviour sanitizers) in $(FUZZ_BUILD);
+# fuzz/run.sh runs them. The same targets are replayed on their seeds by `make test`.
+fuzz: deps
+	cmake -S fuzz -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz
