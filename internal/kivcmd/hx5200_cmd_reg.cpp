@@ -80,22 +80,30 @@ kiv_int32 runSub(const std::array<SubCmd, N> &table, const char *word, void **ar
 constexpr uint32_t fieldMask(uint32_t start, uint32_t end) { return (1u << ((end - start + 1u) & 31u)) - 1u; }
 
 // ---- reg ----------------------------------------------------------------------------------
-kiv_int32 regSet(void **argv) {
+using WriteFn = int32_t (*)(uint32_t addr, uint32_t value);
+using ReadFn = int32_t (*)(uint32_t addr, uint32_t *value);
+
+// `set` and `indirset`: a failed write is reported as -2.
+kiv_int32 writeAndShow(void **argv, WriteFn write) {
   uint32_t addr = 0, data = 0;
   if (!takeU32(argv, addr, data)) return -1;
-  if (asic_reg_write(addr, data) != 0) return -2;
+  if (write(addr, data) != 0) return -2;
   printf("[0x%4.4X]=0x%4.4X\n", addr, data);
   return 0;
 }
 
-kiv_int32 regGet(void **argv) {
+// `get` and `indirget`: a failed read returns its own code.
+kiv_int32 readAndShow(void **argv, ReadFn read) {
   uint32_t addr = 0, value = 0;
   if (!takeU32(argv, addr)) return -1;
-  const kiv_int32 rc = asic_reg_read(addr, &value);
+  const kiv_int32 rc = read(addr, &value);
   if (rc != 0) return rc;
   printf("[0x%4.4X]=0x%4.4X\n", addr, value);
   return 0;
 }
+
+kiv_int32 regSet(void **argv) { return writeAndShow(argv, asic_reg_write); }
+kiv_int32 regGet(void **argv) { return readAndShow(argv, asic_reg_read); }
 
 kiv_int32 regSetBit(void **argv) {
   uint32_t addr = 0, bit = 0, on = 0;
@@ -208,23 +216,25 @@ kiv_int32 regChgPage(void **argv) {
   return -1;
 }
 
+// The indirect path goes through the plain register primitives (unit 1), not the traced
+// direct access of `set`/`get`.
 // Waits for the indirect access to finish: each successful read counts; past the limit
 // the result is 11, a failed read ends the wait with its code.
 kiv_int32 indirPoll() {
   uint32_t polls = 0;
   for (;;) {
     uint32_t value = 0;
-    const kiv_int32 rc = asic_reg_read(kIndirCtrl, &value);
+    const kiv_int32 rc = reg_read(kUnit, kIndirCtrl, &value);
     if (rc != 0) return rc;
     if ((value & kIndirDone) != 0) return 0;
     if (++polls > kIndirPollLimit) return 11;
   }
 }
 
-kiv_int32 indirWrite(uint32_t addr, uint32_t data) {
+int32_t indirWrite(uint32_t addr, uint32_t data) {
   switch (access_if) {
-    case ACCESS_IF_SMI:   // SMI reaches every register directly
-      return asic_reg_write(addr, data);
+    case ACCESS_IF_SMI:   // SMI reaches every register with a plain access
+      return reg_write(kUnit, addr, data);
     case ACCESS_IF_RESERVED:
       if (addr == PAGE_REG_ADDR) {   // the page is kept here as the high address byte
         indirHighByte = data << 24;
@@ -232,45 +242,31 @@ kiv_int32 indirWrite(uint32_t addr, uint32_t data) {
       }
       return reg_write(kUnit, addr | indirHighByte, data);
     default: {
-      kiv_int32 rc = asic_reg_write(kIndirData, data);
-      if (rc == 0) rc = asic_reg_write(kIndirCtrl, addr | kIndirWriteCmd);
+      kiv_int32 rc = reg_write(kUnit, kIndirData, data);
+      if (rc == 0) rc = reg_write(kUnit, kIndirCtrl, addr | kIndirWriteCmd);
       if (rc == 0) rc = indirPoll();
       return rc;
     }
   }
 }
 
-kiv_int32 indirRead(uint32_t addr, uint32_t *value) {
+int32_t indirRead(uint32_t addr, uint32_t *value) {
   switch (access_if) {
     case ACCESS_IF_SMI:
-      return asic_reg_read(addr, value);
+      return reg_read(kUnit, addr, value);
     case ACCESS_IF_RESERVED:
       return reg_read(kUnit, addr | indirHighByte, value);
     default: {
-      kiv_int32 rc = asic_reg_write(kIndirCtrl, addr | kIndirReadCmd);
+      kiv_int32 rc = reg_write(kUnit, kIndirCtrl, addr | kIndirReadCmd);
       if (rc == 0) rc = indirPoll();
-      if (rc == 0) rc = asic_reg_read(kIndirData, value);
+      if (rc == 0) rc = reg_read(kUnit, kIndirData, value);
       return rc;
     }
   }
 }
 
-kiv_int32 regIndirSet(void **argv) {
-  uint32_t addr = 0, data = 0;
-  if (!takeU32(argv, addr, data)) return -1;
-  if (indirWrite(addr, data) != 0) return -2;
-  printf("[0x%4.4X]=0x%4.4X\n", addr, data);
-  return 0;
-}
-
-kiv_int32 regIndirGet(void **argv) {
-  uint32_t addr = 0, value = 0;
-  if (!takeU32(argv, addr)) return -1;
-  const kiv_int32 rc = indirRead(addr, &value);
-  if (rc != 0) return rc;
-  printf("[0x%4.4X]=0x%4.4X\n", addr, value);
-  return 0;
-}
+kiv_int32 regIndirSet(void **argv) { return writeAndShow(argv, indirWrite); }
+kiv_int32 regIndirGet(void **argv) { return readAndShow(argv, indirRead); }
 
 constexpr std::array<SubCmd, 10> kRegCmds{{
     {"set", regSet},
@@ -392,9 +388,8 @@ kiv_int32 phyWaitIdle() {
   return -11;
 }
 
-// One access through the unit: wait, start with `cmd`, wait, and for reads take the data.
-kiv_int32 phyUnitAccess(uint32_t cmd, uint16_t *data) {
-  if (phyWaitIdle() != 0) return -1;
+// Starts the unit with `cmd`, waits, and for reads takes the data.
+kiv_int32 phyStart(uint32_t cmd, uint16_t *data) {
   if (reg_write(kUnit, kPhyAccessCmd, cmd) != 0) return -1;
   if (phyWaitIdle() != 0) return -1;
   if (data != nullptr) {
@@ -405,16 +400,25 @@ kiv_int32 phyUnitAccess(uint32_t cmd, uint16_t *data) {
   return 0;
 }
 
-kiv_int32 mmdRead(uint8_t phy, uint8_t dev, uint16_t reg, uint16_t *value) {
+// One access through the unit: wait until idle, then start it.
+kiv_int32 phyUnitAccess(uint32_t cmd, uint16_t *data) {
+  if (phyWaitIdle() != 0) return -1;
+  return phyStart(cmd, data);
+}
+
+// MMD access: wait until idle, put the register address in the auxiliary word, start.
+kiv_int32 mmdAccess(uint16_t reg, uint32_t cmd, uint16_t *data) {
   if (phyWaitIdle() != 0) return -1;
   if (reg_write(kUnit, kPhyAccessAux, reg) != 0) return -1;
-  return phyUnitAccess((uint32_t{phy} << 13) | (uint32_t{dev} << 8) | 0xFFu, value);
+  return phyStart(cmd, data);
+}
+
+kiv_int32 mmdRead(uint8_t phy, uint8_t dev, uint16_t reg, uint16_t *value) {
+  return mmdAccess(reg, (uint32_t{phy} << 13) | (uint32_t{dev} << 8) | 0xFFu, value);
 }
 
 kiv_int32 mmdWrite(uint8_t phy, uint8_t dev, uint16_t reg, uint16_t data) {
-  if (phyWaitIdle() != 0) return -1;
-  if (reg_write(kUnit, kPhyAccessAux, reg) != 0) return -1;
-  return phyUnitAccess((uint32_t{data} << 16) | (uint32_t{phy} << 13) | (uint32_t{dev} << 8) | 0xFDu, nullptr);
+  return mmdAccess(reg, (uint32_t{data} << 16) | (uint32_t{phy} << 13) | (uint32_t{dev} << 8) | 0xFDu, nullptr);
 }
 
 // Paged register access; the page is not masked to its field.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -69,4 +70,18 @@ inline std::vector<std::vector<uint8_t>> capturedCommands(const std::string &pca
     off = rec + incl;
   }
   return cmds;
+}
+
+// Register accesses of the I2C register transfers in a capture, in order: "R2F0000" for a
+// read, "W2F0000" for a write (the 24-bit address the transport carries), blank-separated.
+inline std::string registerAccesses(const std::string &pcap) {
+  std::string seq;
+  for (const auto &c : capturedCommands(pcap)) {
+    if (c.size() < 27 || (c[8] != 0x13 && c[8] != 0x14)) continue;
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%s%c%06X", seq.empty() ? "" : " ", c[8] == 0x13 ? 'W' : 'R',
+                  unsigned(c[24]) | unsigned(c[25]) << 8 | unsigned(c[26]) << 16);
+    seq += buf;
+  }
+  return seq;
 }

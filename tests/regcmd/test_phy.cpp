@@ -57,4 +57,34 @@ TEST(MdxCommand, StuckControllerGivesMinus11AndReleasesPins) {
                 {{"KIVTOOL_SIM_MDX_BUSY", "-1"}});
 }
 
+// The register accesses each command makes, in order and in number, as the adapter sees
+// them; a marker read separates them from the start-up accesses.
+TEST(RegisterAccessOrder, EachCommandMakesExactlyItsAccesses) {
+  const std::string rd = "R18004C W18004C R18004C R18004C", wr = "R18004C W18004C R18004C";
+  const struct {
+    std::string line, accesses;
+  } cases[] = {
+      {"reg setbit 0x2F0000 1 1", "R2F0000 W2F0000"},
+      {"reg indirset 0x20 1", "WFFFF15 WFFFF11 RFFFF11"},
+      {"reg indirget 0x20", "WFFFF11 RFFFF11 RFFFF15"},
+      {"smi extaccess get", ""},
+      {"smi channel get 3 0 2", "R180048 W180048 R180050 W180050 W18004C R18004C"},
+      {"mmd read 1 7 0x3c", "R18004C W180050 W18004C R18004C R18004C"},
+      {"mmd write 1 7 0x3c 5", "R18004C W180050 " + wr.substr(8)},
+      {"phy read 1 2 3", rd},
+      {"gphy readext 1 2", rd + " " + wr + " " + wr + " " + rd + " " + wr},
+      {"mdx init 6 16", "R450040 W450040"},
+      {"mdx get 5 4", "R640008 W640008 R450044 W450044 W450048 R450048 R640008 W640008"},
+      {"vlan mode multicast set 1 1 16", "R4B0000 W4B0000 R4B0000 W4B0000 R4B0000 W4B0000"},
+  };
+  for (const auto &c : cases) {
+    const std::string dir = make_temp_dir("order");
+    runSession({"reg get 0xABCDEF", c.line}, {{"KIVTOOL_PCAP", dir + "/cap.pcap"}});
+    const std::string all = registerAccesses(read_file(dir + "/cap.pcap"));
+    const size_t marker = all.find("RABCDEF");
+    ASSERT_NE(marker, std::string::npos) << c.line;
+    EXPECT_EQ(all.substr(std::min(all.size(), marker + 8)), c.accesses) << c.line;
+  }
+}
+
 }  // namespace
