@@ -352,14 +352,6 @@ int sread(uint32_t port, uint32_t mode) {
 
 const char *logFileName(uint32_t type) { return type == 0 ? kSwrFile : kOcpFile; }
 
-// type 0: a direct register read, otherwise a PHY OCP read.
-void logRead(uint32_t type, uint32_t addr, uint32_t &value) {
-  if (type == 0)
-    asic_reg_read(addr, &value);
-  else
-    hx5200_ocp_read(addr, &value);
-}
-
 // Name the log file and empty it. False (with the message) when it cannot be opened.
 bool logStart(const char *name) {
   printf("\nfile Name = %s", name);
@@ -372,13 +364,19 @@ bool logStart(const char *name) {
   return true;
 }
 
-// Append one value; false when the file cannot be opened.
-bool logAppend(const char *name, const char *fmt, uint32_t value) {
+// One log record: open the file for appending, read the register (type 0: a direct
+// register read, otherwise a PHY OCP read), write the value, close. A failed read logs
+// the value the previous read left. False when the file cannot be opened.
+bool logAppend(const char *name, const char *fmt, uint32_t type, uint32_t addr, uint32_t &value) {
   FILE *f = fopen(name, "a");
   if (f == nullptr) {
     printf("\nfile open fail");
     return false;
   }
+  if (type == 0)
+    asic_reg_read(addr, &value);
+  else
+    hx5200_ocp_read(addr, &value);
   fprintf(f, fmt, value);
   fclose(f);
   return true;
@@ -400,8 +398,7 @@ int dread(uint32_t port, uint32_t mode, uint32_t type, uint32_t addr) {
   if (!logStart(name)) return -1;
   uint32_t value = 0;
   for (;;) {
-    logRead(type, addr, value);
-    if (!logAppend(name, "0x%x\r\n", value)) return -1;
+    if (!logAppend(name, "0x%x\r\n", type, addr, value)) return -1;
     if (monitorPass(m)) return mibOver();
     mibDelay(kMonitorDelay);
   }
@@ -414,8 +411,7 @@ int dumpreg(uint32_t type, uint32_t addr) {
   fflush(stdout);
   uint32_t value = 0;
   for (;;) {
-    logRead(type, addr, value);
-    if (!logAppend(name, "0x%x\n\r", value)) return -1;
+    if (!logAppend(name, "0x%x\n\r", type, addr, value)) return -1;
   }
 }
 
