@@ -285,9 +285,9 @@ constexpr std::array<SubCmd, 10> kRegCmds{{
 kiv_int32 smiSet(void **argv) {
   uint32_t phy = 0, reg = 0, data = 0;
   if (!takeU32(argv, phy, reg, data)) return -1;
-  const uint16_t data16 = static_cast<uint16_t>(data);
-  if (smi_write16(phy, 0, reg, data16) != 0) return -1;
-  printf("[0x%4.4x]=0x%4.4x\n", reg, static_cast<unsigned>(data16));
+  // Only the low 16 bits reach the register; the line shows the value as typed.
+  if (smi_write16(phy, 0, reg, static_cast<uint16_t>(data)) != 0) return -1;
+  printf("[0x%4.4x]=0x%4.4x\n", reg, data);
   return 0;
 }
 

@@ -85,7 +85,8 @@ TEST(SmiCommand, MdioRegistersAndBroadcast) {
       {"set regif smi", "SET CMD Over\n" + kOk},
       {"smi set 3 4 0x1234", "[0x0004]=0x1234\n" + kOk},
       {"smi get 3 4", "[0x0004]=0x1234\n" + kOk},
-      {"smi set 3 5 0x12345", "[0x0005]=0x2345\n" + kOk},   // 16-bit register
+      {"smi set 3 5 0x12345", "[0x0005]=0x12345\n" + kOk},   // shown as typed, written as 16 bits
+      {"smi get 3 5", "[0x0005]=0x2345\n" + kOk},
       {"smi get 20 1", "[0x0001]=0xffff\n" + kOk},          // nobody at address 20
       {"smi brdset 1 2 3 4", kOk},
   });
