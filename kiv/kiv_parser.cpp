@@ -581,12 +581,13 @@ void listWithWord(User &u) {
   const kiv_group_t *sub = cmd ? nullptr : findGroup(u, grp, word, false);
   if (!cmd && !sub) {
     const kiv_uint32 matches = countPrefix(u, grp, word);
-    if (matches == 0) {
-      writeLine("Unknown command");
-      return;
-    }
     if (matches > 1) {
       writeLine("ambiguous command");
+      return;
+    }
+    // Help on a partial last word names its command in full: no abbreviation there.
+    if (matches == 0 || g_listMode == kListPartial) {
+      writeLine("Unknown command");
       return;
     }
     cmd = findCmd(u, grp, word, true);
@@ -989,7 +990,7 @@ kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_ui
       if (!ISSET(thisCmd->cmdFlags, KIV_USECISCOCMDPARSER)) return 0;
       continue;
     }
-    if (n > 0 && helpMode == 0) {
+    if (helpMode == 0 && (n > 0 || (n == 0 && token == nullptr))) {
       g_status = kStatusRun;
       const kiv_int32 r = callHandler(thisCmd->cmdHandler, 0, n, &saved);
       ciscoCmdParserReset();
@@ -1008,12 +1009,6 @@ kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_ui
         ciscoCmdParserReset();
         return 0;
       }
-      if (token == nullptr) {
-        g_status = kStatusRun;
-        const kiv_int32 r = callHandler(thisCmd->cmdHandler, 0, 0, &saved);
-        ciscoCmdParserReset();
-        return r;
-      }
       ciscoCmdParserGetRootCandidate();
     }
 
@@ -1027,24 +1022,42 @@ kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_ui
       break;
     }
 
+    // Entries that begin with the token (compared over the token's length), or that
+    // contain it anywhere.
     const size_t tokLen = std::strlen(token);
-    kiv_uint32 matches = 0, match = 0;
-    for (kiv_uint32 i = 0; i < total; i++) {
-      if (entries[i].text && std::strncmp(entries[i].text, token, tokLen) == 0) {
-        if (matches++ == 0) match = i;
-      }
-    }
-    // A rewrite that would leave the token as it is cannot make progress: report the
-    // token as refused instead of trying the same line again.
-    const bool stuck = matches == 1 && std::strcmp(entries[match].text, token) == 0;
-    if (matches == 1 && !stuck) {
+    auto begins = [&](kiv_uint32 i) { return std::strncmp(entries[i].text, token, tokLen) == 0; };
+    auto contains = [&](kiv_uint32 i) { return std::strstr(entries[i].text, token) != nullptr; };
+    kiv_uint32 match = 0;
+    auto count = [&](auto pred) {
+      kiv_uint32 matches = 0;
+      for (kiv_uint32 i = 0; i < total; i++)
+        if (entries[i].text && pred(i) && matches++ == 0) match = i;
+      return matches;
+    };
+    // A rewrite that would leave the token as it is cannot make progress: such a token
+    // is reported as refused instead of tried again.
+    auto sameText = [&] { return std::strcmp(entries[match].text, token) == 0; };
+    // Keeps only the entries that begin with the token and shows them after a newline.
+    auto showPrefixed = [&] {
+      for (kiv_uint32 i = 0; i < total; i++)
+        if (entries[i].text && !begins(i)) entries[i].text = nullptr;
+      printf("\n");
+      ciscoCmdParserShowHelp(entries, total);
+    };
+    // Rewrites the token to the one matching entry; true when the request ends there.
+    auto completeToken = [&] {
       setToken(token, entries[match].text);
-      if (helpMode == 2) {
-        outClear();
-        outJoinTokens(0);
-        g_status = kStatusCompleted;
-        break;
-      }
+      if (helpMode != 2) return false;
+      outClear();
+      outJoinTokens(0);
+      g_status = kStatusCompleted;
+      return true;
+    };
+
+    kiv_uint32 matches = count(begins);
+    const bool stuck = matches == 1 && sameText();
+    if (matches == 1 && !stuck) {
+      if (completeToken()) break;
       if (!textMode) {
         printf("\n");
         ciscoCmdParserShowHelp(entries, total);
@@ -1055,32 +1068,15 @@ kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_ui
       continue;
     }
     if (matches > 1) {
-      for (kiv_uint32 i = 0; i < total; i++)
-        if (entries[i].text && std::strncmp(entries[i].text, token, tokLen) != 0)
-          entries[i].text = nullptr;
-      printf("\n");
-      ciscoCmdParserShowHelp(entries, total);
+      showPrefixed();
       break;
     }
     // No entry begins with the token: try those that contain it.
     total = ciscoCmdParserListCandidates(entries, kMaxCandidates);
-    matches = 0;
-    if (!stuck) {
-      for (kiv_uint32 i = 0; i < total; i++) {
-        if (entries[i].text && std::strstr(entries[i].text, token) != nullptr) {
-          if (matches++ == 0) match = i;
-        }
-      }
-      if (matches == 1 && std::strcmp(entries[match].text, token) == 0) matches = 0;
-    }
+    matches = stuck ? 0 : count(contains);
+    if (matches == 1 && sameText()) matches = 0;
     if (matches == 1) {
-      setToken(token, entries[match].text);
-      if (helpMode == 2) {
-        outClear();
-        outJoinTokens(0);
-        g_status = kStatusCompleted;
-        break;
-      }
+      if (completeToken()) break;
       if (textMode) printf("\n%dth token best matched for '%s'\n", -n, token);
       ciscoCmdParserReset();
       continue;
@@ -1091,11 +1087,7 @@ kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_ui
       ciscoCmdParserShowHelp(entries, total);
       break;
     }
-    for (kiv_uint32 i = 0; i < total; i++)
-      if (entries[i].text && std::strncmp(entries[i].text, token, tokLen) != 0)
-        entries[i].text = nullptr;
-    printf("\n");
-    ciscoCmdParserShowHelp(entries, total);
+    showPrefixed();
     break;
   }
   ciscoCmdParserReset();
