@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "access/access.h"
@@ -33,11 +32,4 @@ class OnBoard : public ::testing::Test {
   static void poke(uint32_t addr, uint32_t v) { sim::chip_write(addr, v); }
 
   std::string dir_;
-};
-
-// Scoped environment variable (board knobs are read at each access).
-struct ScopedEnv {
-  std::string name;
-  ScopedEnv(const char *n, const char *v) : name(n) { setenv(n, v, 1); }
-  ~ScopedEnv() { unsetenv(name.c_str()); }
 };

@@ -49,7 +49,7 @@ TEST(VlanTool, DumpListsValidEntriesBetween1And4094) {
 }
 
 TEST(VlanTool, PvidInnerAndOuter) {
-  const Session s = run_lines({"vlan pvid 3 inner set 0", "vlan pvid 3 inner set 100", "vlan pvid 3 inner get",
+  const Session s = run_lines({"vlan pvid 3 inner set 100", "vlan pvid 3 inner set 0", "vlan pvid 3 inner get",
                                "vlan pvid 3 outer set 200", "vlan pvid 3 outer get", "vlan pvid 3 inner get",
                                "vlan pvid 0x103 inner get", "vlan pvid 3 outer set 4096", "vlan pvid 3 outer get"});
   // A refused PVID is not reported: the command compares with another code.
