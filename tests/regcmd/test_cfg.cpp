@@ -5,9 +5,11 @@
 #include <string>
 
 #include "access/access.h"
+#include "access/usbio.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 #include "kiv/kiv_parser.h"
 #include "regcmd_util.h"
+#include "sim/sim.h"
 
 namespace {
 
@@ -22,10 +24,12 @@ TEST(SetCommand, ClosingLineAndUnsupportedWords) {
   });
 }
 
-// Runs a line through the engine in this process (no adapter is touched by these words).
+// Runs a line through the engine in this process, on a simulated board (i2cid reopens it).
 std::string runLine(const char *text) {
-  static const bool ready = kiv_init(1, 256, 256) == 0 &&
-                            kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup) != KIV_NOUSER;
+  static const bool ready = [] {
+    usb_ops_set(sim_attach(make_temp_dir("cfg").c_str()));
+    return kiv_init(1, 256, 256) == 0 && kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup) != KIV_NOUSER;
+  }();
   EXPECT_TRUE(ready);
   std::array<char, 1024> out{};
   std::string line(text);
