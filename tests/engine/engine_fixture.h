@@ -2,25 +2,17 @@
 // what it prints on stdout.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cstdlib>
 #include <string>
 
 #include "kiv/kiv_parser.h"
 
-// Captures stdout (file descriptor 1) between construction and take().
-class StdoutCapture {
- public:
-  StdoutCapture();
-  ~StdoutCapture();
-  std::string take();
-
- private:
-  int saved_ = -1;
-  int file_ = -1;
-  bool done_ = false;
-};
-
-// Engine set up with one user on `root` (user flags 0xC0, depth 4, output mode 1).
-void engine_setUp(const kiv_group_t *root, kiv_uint32 maxDepth = 4);
+// Engine set up with one user on `root` (user flags 0xC0, depth `maxDepth`, output mode 1).
+inline void engine_setUp(const kiv_group_t *root, kiv_uint32 maxDepth = 4) {
+  if (kiv_init(1, 256, 256) != 0 || kiv_userInit("3100", 1, 0xC0, maxDepth, root) != 0) abort();
+}
 
 struct LineResult {
   std::string out;   // printed text
@@ -29,4 +21,18 @@ struct LineResult {
 };
 
 // Runs one line for user 0 (completion flag set when `tab`).
-LineResult engine_run(const std::string &line, bool tab = false);
+inline LineResult engine_run(std::string line, bool tab = false) {
+  testing::internal::CaptureStdout();
+  kiv_setCompletion(0, tab);
+  const int rc = kiv_cmdProcess(0, line.data(), kiv_outputBuffer, KIV_OUTBUF_SIZE);
+  kiv_setCompletion(0, 0);
+  return {testing::internal::GetCapturedStdout(), rc, kiv_outputBuffer};
+}
+
+// What fn prints on stdout.
+template <typename Fn>
+std::string captured(Fn fn) {
+  testing::internal::CaptureStdout();
+  fn();
+  return testing::internal::GetCapturedStdout();
+}

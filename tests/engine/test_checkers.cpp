@@ -35,13 +35,16 @@ TEST(ParamTypes, TableAndLookup) {
   ASSERT_EQ(kiv_builtinParamTypeCount, 6u);
   const char *names[] = {"%s", "%str", "%d", "%ip", "%net", "%mac"};
   const kiv_uint32 sizes[] = {0, 0, 4, 4, 5, 6};
+  const char *helps[] = {"Any text string", "A text string begins with A-Z,a-z", "A numeric number",
+                         "An IP address. X.X.X.X (X=0~255)", "An IP address and CIDR. X.X.X.X/Y (X=0~255,Y=0~32)",
+                         "A MAC address. 00:11:22:33:44:55"};
   for (int i = 0; i < 6; i++) {
     EXPECT_STREQ(kiv_builtinParamTypes[i].name, names[i]);
     EXPECT_EQ(kiv_builtinParamTypes[i].maxSize, sizes[i]);
+    EXPECT_STREQ(kiv_builtinParamTypes[i].help, helps[i]);
     EXPECT_EQ(kiv_builtinParamTypes[i].values, nullptr);
     EXPECT_EQ(kiv_findParamType(nullptr, names[i]), &kiv_builtinParamTypes[i]);
   }
-  EXPECT_EQ(kiv_findParamType(nullptr, "%x"), nullptr);
   EXPECT_EQ(kiv_findParamType(nullptr, "%"), nullptr);
 
   // A command's own table is searched first, and only as many rows as its flags say.
@@ -58,7 +61,7 @@ TEST(ParamTypes, TableAndLookup) {
   EXPECT_EQ(kiv_findParamType(&cmd, "%ip"), &kiv_builtinParamTypes[3]);
 }
 
-TEST(ParamTypes, Number) {
+TEST(ParamTypes, NumberAndText) {
   Check c;
   struct {
     const char *text;
@@ -72,19 +75,16 @@ TEST(ParamTypes, Number) {
   };
   for (const auto &k : cases) {
     SCOPED_TRACE(k.text);
-    EXPECT_EQ(c(kiv_checkDynCmdParam_Number, k.text), k.rc);
+    ASSERT_EQ(c(kiv_checkDynCmdParam_Number, k.text), k.rc);
     if (k.rc == 4) {
       EXPECT_EQ(c.u32(), k.value);
     } else {
       EXPECT_EQ(c.redirect, 0u);   // a refusal clears the redirect word
     }
   }
-}
-
-TEST(ParamTypes, TextTypes) {
-  Check c;
+  // Text types: the value is the typed text itself; "%str" wants a letter first.
   EXPECT_EQ(c(kiv_checkDynCmdParam_String, "any 1 text"), 0);
-  EXPECT_EQ(c.slot, static_cast<void *>(c.token));   // the value is the typed text itself
+  EXPECT_EQ(c.slot, static_cast<void *>(c.token));
   EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "zed"), 0);
   EXPECT_EQ(c.slot, static_cast<void *>(c.token));
   EXPECT_EQ(c(kiv_checkDynCmdParam_Str, "1abc"), -1);
@@ -99,20 +99,15 @@ TEST(ParamTypes, IpAddress) {
     std::array<kiv_uint8, 4> bytes;
   } cases[] = {
       {"10.1", true, {10, 0, 0, 1}},
-      {"1.2.3.4", true, {1, 2, 3, 4}},
       {"1.2.3.4 ", true, {1, 2, 3, 4}},
       {"192.168.300", true, {192, 168, 1, 44}},   // three numbers: last up to 65535
       {"0x7f.1", true, {127, 0, 0, 1}},
       {"010.0.0.1", true, {8, 0, 0, 1}},
       {"3232235777", true, {192, 168, 1, 1}},
-      {"255.255.255.255", true, {255, 255, 255, 255}},
       {"256.1.1.1", false, {}},
-      {"1.2.3.256", false, {}},
       {"1.2.3.4.5", false, {}},
       {"1.2.3.4x", false, {}},
-      {"a.b.c.d", false, {}},
       {".1.2.3", false, {}},
-      {"1..2", false, {}},
       {"08.1.1.1", false, {}},
       {"1.16777216", false, {}},
       {"4294967296", false, {}},

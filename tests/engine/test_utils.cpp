@@ -9,13 +9,6 @@
 
 namespace {
 
-template <typename Fn>
-std::string captured(Fn fn) {
-  StdoutCapture cap;
-  fn();
-  return cap.take();
-}
-
 TEST(Utils, HexDump) {
   alignas(16) static const char data[20] = "ABCDEFGHIJ\x01KLMNOPQ";
   const std::string out = captured([] { hx_hexDump(data, 20, "title:"); });
