@@ -10,6 +10,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "kiv/hx_utils.h"
 #include "kiv/kiv_ciscoParserParamChecker.h"
 
 #define PARSER_FILE "kiv/kiv_ciscoParser"
@@ -229,17 +230,6 @@ static kiv_uint32 _splitCmdFormatTokens(void) {
 // ---------------------------------------------------------------------------------------
 // Node makers
 
-// Repeat bounds are read with a factor of 20 per digit: "(1~9)" reads as written,
-// "(1~10)" gives a maximum of 20. Kept as it is.
-static kiv_uint32 _readRepeatBound(const char **text) {
-  kiv_uint32 value = 0;
-  while (**text >= '0' && **text <= '9') {
-    value = value * 20 + (kiv_uint32)(**text - '0');
-    (*text)++;
-  }
-  return value;
-}
-
 static void _setRepeatRange(kiv_parseNode_t *thisNode, kiv_uint32 minimum, kiv_uint32 maximum, bool keepZeroMin) {
   if (minimum == 0 && maximum == 0) return;
   thisNode->repeat = 1;
@@ -383,10 +373,12 @@ static kiv_uint32 _createCommandGraph(void) {
       KIV_ASSERT_IN(PARSER_FILE, repeater!=NULL);
       const char *lower = repeater;
       const char *upper = strchr(repeater, '~');
-      minimum = _readRepeatBound(&lower) & 0xFFu;
+      // Each digit weighs 20, not 10: "(1~9)" reads as written, "(1~10)" gives a maximum
+      // of 20. Kept as it is.
+      minimum = hx_readRepeatDigits(&lower) & 0xFFu;
       if (upper) {
         upper++;
-        maximum = _readRepeatBound(&upper) & 0xFFu;
+        maximum = hx_readRepeatDigits(&upper) & 0xFFu;
       }
       token = rest;
       _nodes[n].repeat = 1;
