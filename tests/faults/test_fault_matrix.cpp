@@ -1,0 +1,282 @@
+// Fault matrix: every fault kind the simulated adapter can inject, at several points of the
+// adapter traffic, against each command family. Whatever the fault, the tool must neither
+// crash nor hang, every command must still end with its report line, a fault that the
+// protocol recovers from must leave the output as it was without it, a lost adapter must
+// be reported, and an image update damaged by a fault must not pass a later verify.
+//
+// Points are counted in command headers, as KIVTOOL_SIM_FAULTS counts them: a fault-free
+// run with a USB capture tells how many headers a family sends, and the faults go to its
+// first command header, the last one and two in between. Headers 1 to 7 belong to
+// start-up (three configuration exchanges, four register accesses of the chip check).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "run_tool.h"
+
+namespace {
+
+constexpr uint32_t kStartupHeaders = 7;
+constexpr std::array<const char *, 6> kKinds = {"nak", "badstatus", "nocomplete", "wrongcode", "unplug", "datamissing"};
+
+bool transient(const std::string &kind) { return kind != "unplug"; }
+// These make the adapter drop or refuse a command before carrying it out, so the resend
+// cannot do anything twice.
+bool refusedBeforeDone(const std::string &kind) {
+  return kind == "nak" || kind == "badstatus" || kind == "datamissing";
+}
+
+// Command headers (bulk OUT packets that start with the adapter's magic) in a pcap file
+// written by KIVTOOL_PCAP (usbmon records of 64 bytes before the data).
+uint32_t countHeaders(const std::string &pcap) {
+  static constexpr uint8_t kMagic[6] = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
+  const std::string d = read_file(pcap);
+  uint32_t n = 0;
+  for (size_t off = 24; off + 16 <= d.size();) {
+    uint32_t incl;
+    memcpy(&incl, d.data() + off + 8, 4);
+    const size_t rec = off + 16;
+    if (rec + incl > d.size()) break;
+    if (incl >= 64 + 6 && d[rec + 8] == 'S' && static_cast<uint8_t>(d[rec + 10]) == 0x02 &&
+        memcmp(d.data() + rec + 64, kMagic, 6) == 0)
+      n++;
+    off = rec + incl;
+  }
+  return n;
+}
+
+// Lines that report how a command ended: one per command line given.
+int reportLines(const std::string &out) {
+  int n = 0;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);)
+    if (line == "Success!!" || line.rfind("Errno : ", 0) == 0 || line == "Error!!") n++;
+  return n;
+}
+
+int lineCount(const std::string &text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); }
+
+// The file times that `spi update` prints change between runs.
+std::string withoutFileTimes(const std::string &out) {
+  std::istringstream in(out);
+  std::string kept;
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind("Last modified", 0) != 0 && line.rfind("last ", 0) != 0) kept += line + "\n";
+  return kept;
+}
+
+std::string withoutLines(const std::string &out, const char *containing) {
+  std::istringstream in(out);
+  std::string kept;
+  for (std::string line; std::getline(in, line);)
+    if (line.find(containing) == std::string::npos) kept += line + "\n";
+  return kept;
+}
+
+bool sanitizerSpoke(const std::string &err) {
+  return err.find("Sanitizer") != std::string::npos || err.find("runtime error") != std::string::npos;
+}
+
+struct Family {
+  const char *name;
+  std::string input;   // lines fed to the tool; the last one reads a register
+};
+
+struct Case {
+  const Family *family;
+  std::string kind;
+  uint32_t at;
+  std::string cwd;
+  ToolResult result;
+};
+
+ToolResult runFamily(const std::string &input, const std::string &cwd, const std::string &faults,
+                     const std::string &pcap = {}) {
+  ToolRun r;
+  r.input = input;
+  r.cwd = cwd;
+  r.timeoutMs = 60000;
+  if (!faults.empty()) r.env.emplace_back("KIVTOOL_SIM_FAULTS", faults);
+  if (!pcap.empty()) r.env.emplace_back("KIVTOOL_PCAP", pcap);
+  return run_tool(r);
+}
+
+// Runs the cases on a few threads: most of a faulted run is spent waiting for a time-out.
+void runAll(std::vector<Case> &cases) {
+  std::atomic<size_t> next{0};
+  auto worker = [&] {
+    for (size_t i; (i = next++) < cases.size();) {
+      Case &c = cases[i];
+      c.result = runFamily(c.family->input, c.cwd, c.kind + "@" + std::to_string(c.at));
+    }
+  };
+  std::vector<std::thread> pool;
+  for (int t = 0; t < 3; t++) pool.emplace_back(worker);
+  for (auto &t : pool) t.join();
+}
+
+std::vector<uint32_t> pointsIn(uint32_t first, uint32_t last) {
+  std::vector<uint32_t> at = {first, first + (last - first) / 3, first + 2 * (last - first) / 3, last};
+  at.erase(std::unique(at.begin(), at.end()), at.end());
+  return at;
+}
+
+// Checks every run must pass, whatever the fault.
+void expectSurvived(const Case &c, int commands) {
+  const std::string what = std::string(c.family->name) + " with " + c.kind + "@" + std::to_string(c.at);
+  EXPECT_FALSE(c.result.timedOut) << what;
+  EXPECT_EQ(c.result.status, 0) << what << "\n" << c.result.err;
+  EXPECT_FALSE(sanitizerSpoke(c.result.err)) << what << "\n" << c.result.err;
+  EXPECT_EQ(reportLines(c.result.out), commands) << what << "\n" << c.result.out;
+}
+
+const std::string kSentinel = "reg get 0x100\n";
+
+}  // namespace
+
+// Each family's commands, then a register read that shows whether the adapter is still
+// there.
+TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
+  const std::vector<Family> families = {
+      {"reg", "reg set 0x100 0x5a5a\nreg get 0x100\nreg setbits 0x104 4 7 9\nreg getbits 0x104 4 7\n"},
+      {"smi", "set regif smi\nsmi set 1 2 0x1234\nsmi get 1 2\nreg set 0x100 7\n"},
+      {"mmd/phy", "mmd write 1 7 60 0x1234\nmmd read 1 7 60\nphy write 1 0 4 0x1e1\nphy read 1 0 4\n"
+                  "gphy readext 0xa43 26\n"},
+      {"mib", "mib enable\nmib read 5\nmib clear 3\n"},
+      {"vlan", "vlan set 10 3 1 2 0 1\nvlan get 10\nvlan pvid 3 inner set 20\nvlan pvid 3 inner get\n"},
+      {"spi read", "spi rdid\nspi read 0 64\n"},
+      {"spi write", "spi write 0x100 0x11223344 4\nspi read 0x100 4\n"},
+      {"spi erase", "spi erase sector 1 2\nspi erase block 1 1\n"},
+  };
+  std::vector<Family> fams = families;
+  for (Family &f : fams) f.input += kSentinel;
+
+  // Fault-free runs: the expected output and the headers each family sends.
+  std::vector<std::string> baseline(fams.size());
+  std::vector<Case> cases;
+  for (size_t i = 0; i < fams.size(); i++) {
+    const std::string dir = make_temp_dir("kivfault");
+    const ToolResult r = runFamily(fams[i].input, dir, "", dir + "/usb.pcap");
+    ASSERT_EQ(reportLines(r.out), lineCount(fams[i].input)) << fams[i].name << "\n" << r.out;
+    baseline[i] = r.out;
+    const uint32_t headers = countHeaders(dir + "/usb.pcap");
+    ASSERT_GT(headers, kStartupHeaders + 1) << fams[i].name;
+    // The faults go to the family's own commands (the closing read may take several).
+    for (uint32_t at : pointsIn(kStartupHeaders + 1, headers - 1))
+      for (const char *kind : kKinds) cases.push_back({&fams[i], kind, at, make_temp_dir("kivfault"), {}});
+  }
+  runAll(cases);
+
+  for (const Case &c : cases) {
+    const size_t i = static_cast<size_t>(c.family - fams.data());
+    const std::string what = std::string(c.family->name) + " with " + c.kind + "@" + std::to_string(c.at);
+    expectSurvived(c, lineCount(c.family->input));
+    const std::string &out = c.result.out;
+    const bool flashFamily = std::string(c.family->name).rfind("spi", 0) == 0;
+    if (!transient(c.kind)) {
+      // The adapter left the bus: at the latest the register read at the end says so.
+      EXPECT_TRUE(out.find("kivshell: USBIO device") != std::string::npos || out.find("Errno : ") != std::string::npos)
+          << what << "\n" << out;
+      EXPECT_NE(out, baseline[i]) << what;
+    } else if (refusedBeforeDone(c.kind) || !flashFamily) {
+      // One refused or unanswered exchange is sent again and the run reads as without it.
+      EXPECT_EQ(out, baseline[i]) << what;
+    }
+    // A lost completion or response on the flash controller's data register can make the
+    // repeated exchange move its FIFO once more; such runs need only survive (above).
+  }
+}
+
+TEST(FaultMatrix, StartUpFaultsAreReportedAndCommandsStillRun) {
+  const std::string input = "reg set 0x100 0x5a5a\n" + kSentinel;
+  const std::string dir = make_temp_dir("kivfault");
+  const ToolResult base = runFamily(input, dir, "");
+  ASSERT_EQ(reportLines(base.out), 2) << base.out;
+  const Family fam{"start-up", input};
+
+  std::vector<Case> cases;
+  for (uint32_t at = 1; at <= kStartupHeaders; at++)
+    for (const char *kind : kKinds) cases.push_back({&fam, kind, at, make_temp_dir("kivfault"), {}});
+  runAll(cases);
+
+  for (const Case &c : cases) {
+    const std::string what = c.kind + "@" + std::to_string(c.at);
+    expectSurvived(c, 2);
+    const std::string &out = c.result.out;
+    const bool configuration = c.at <= 3;   // 0x11, 0x21, 0x41
+    const bool configFails = c.kind == "badstatus" || c.kind == "nocomplete" || c.kind == "unplug";
+    if (configuration && configFails) {
+      const char *line = c.at == 1 ? "kivshell: USBIO device IIC Configure error." : "kivshell: USBIO device SPI Configure error.";
+      EXPECT_NE(out.find(line), std::string::npos) << what << "\n" << out;
+    }
+    if (c.kind == "unplug") {
+      // No chip to check and no adapter for the commands: both are said.
+      EXPECT_NE(out.find("This KIV build is not match with current chip version"), std::string::npos) << what;
+      EXPECT_NE(out.find("kivshell: USBIO device Not Found"), std::string::npos) << what;
+    } else if (!(configuration && configFails)) {
+      EXPECT_EQ(out, base.out) << what;
+    } else {
+      // A failed configuration step is reported; the retried accesses then work as usual.
+      EXPECT_EQ(withoutLines(out, "Configure error."), base.out) << what;
+    }
+  }
+}
+
+// An image update hit by a fault anywhere may fail, but it must never leave a flash that
+// differs from the image while a verify says it matches.
+TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
+  const std::string shared = make_temp_dir("kivfault-img");
+  const std::string image = shared + "/image.bin";
+  std::string bytes(8192, '\0');
+  uint32_t x = 0x12345678;
+  for (char &b : bytes) {
+    x = x * 1664525u + 1013904223u;
+    b = static_cast<char>(x >> 24);
+  }
+  write_file(image, bytes);
+  const std::string update = "spi update " + image + "\n";
+  const std::string verify = "spi verify " + image + "\n";
+  const std::string matched = "Matched: Compare Image Length 8192";
+
+  const std::string dir = make_temp_dir("kivfault");
+  const ToolResult base = runFamily(update, dir, "", dir + "/usb.pcap");
+  ASSERT_NE(base.out.find(matched), std::string::npos) << base.out;
+  const uint32_t headers = countHeaders(dir + "/usb.pcap");
+  const Family fam{"spi update", update};
+
+  std::vector<Case> cases;
+  for (uint32_t at : pointsIn(kStartupHeaders + 1, headers))
+    for (const char *kind : {"nak", "nocomplete", "wrongcode", "unplug"})
+      cases.push_back({&fam, kind, at, make_temp_dir("kivfault"), {}});
+  runAll(cases);
+
+  for (const Case &c : cases) {
+    const std::string what = c.kind + "@" + std::to_string(c.at);
+    expectSurvived(c, 1);
+    const std::string flash = read_file(c.cwd + "/sim/flash.bin").substr(0, bytes.size());
+    const bool intact = flash == bytes;
+    // The update's own comparison never claims a match that is not there ...
+    if (c.result.out.find(matched) != std::string::npos) {
+      EXPECT_TRUE(intact) << what;
+    }
+    if (c.kind == "nak") {
+      EXPECT_EQ(withoutFileTimes(c.result.out), withoutFileTimes(base.out)) << what;
+    }
+    // ... and a verify afterwards, without faults, tells the truth about the flash.
+    const ToolResult v = runFamily(verify, c.cwd, "");
+    EXPECT_EQ(v.out.find(matched) != std::string::npos, intact) << what << "\n" << v.out;
+    if (!intact) {
+      EXPECT_NE(v.out.find("Image not match"), std::string::npos) << what << "\n" << v.out;
+    }
+  }
+}
