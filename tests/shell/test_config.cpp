@@ -1,6 +1,5 @@
 // kivcfg.txt and the prompt / pre-load rules, in-process.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -13,36 +12,23 @@
 
 namespace {
 
-class ConfigFile : public ::testing::Test {
- protected:
-  void SetUp() override {
-    oldCwd_ = std::filesystem::current_path();
-    dir_ = make_temp_dir("kivcfg");
-    std::filesystem::current_path(dir_);
-    reset();
-  }
-  void TearDown() override {
-    access_if_set(ACCESS_IF_I2C);
-    std::filesystem::current_path(oldCwd_);
-  }
-  static void reset() {
-    access_if_set(ACCESS_IF_RESERVED);   // a code the file cannot select: shows any change
-    i2caddrid = 4;
-    mdcaddrid = 24;
-  }
-  // Loads `content` as kivcfg.txt; returns what was printed.
-  std::string load(const std::string &content) {
-    write_file(dir_ + "/kivcfg.txt", content);
-    ::testing::internal::CaptureStdout();
-    kiv_loadConfig();
-    fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
-  }
-  std::filesystem::path oldCwd_;
-  std::string dir_;
-};
+// Loads `content` as kivcfg.txt (none when empty) over the defaults, with an interface
+// code the file cannot select so that any change shows; returns what was printed.
+std::string load(const std::string &content) {
+  access_if_set(ACCESS_IF_RESERVED);
+  i2caddrid = 4;
+  mdcaddrid = 24;
+  const auto home = std::filesystem::current_path();
+  std::filesystem::current_path(make_temp_dir("kivcfg"));
+  if (!content.empty()) write_file("kivcfg.txt", content);
+  ::testing::internal::CaptureStdout();
+  kiv_loadConfig();
+  fflush(stdout);
+  std::filesystem::current_path(home);
+  return ::testing::internal::GetCapturedStdout();
+}
 
-TEST_F(ConfigFile, ValuesComeFromAFixedColumn) {
+TEST(ConfigFile, ValuesComeFromAFixedColumn) {
   const struct {
     const char *line;
     unsigned iface, i2c, mdc;
@@ -56,7 +42,6 @@ TEST_F(ConfigFile, ValuesComeFromAFixedColumn) {
       {"mdcaddrid z\n", 3, 4, 24},     {"interface spi", 2, 4, 24},    // no final newline
   };
   for (const auto &c : cases) {
-    reset();
     EXPECT_EQ(load(c.line), "") << c.line;   // debug level 0: silent
     EXPECT_EQ(access_if, c.iface) << c.line;
     EXPECT_EQ(i2caddrid, c.i2c) << c.line;
@@ -64,7 +49,7 @@ TEST_F(ConfigFile, ValuesComeFromAFixedColumn) {
   }
 }
 
-TEST_F(ConfigFile, DebugLevelGovernsTheMessagesOfLaterLines) {
+TEST(ConfigFile, DebugLevelGovernsTheMessagesOfLaterLines) {
   const std::string body = "# note\nfoo\ninterface smi\ni2caddrid 3\ni2caddrid q\nmdcaddrid 0x0a\nmdcaddrid z\n";
   const std::string level2 = "interface smi\r\ni2caddress 3\r\ni2caddrid is not a number: q\r\n"
                              "mdcaddrid 10\r\nmdcaddrid is not a number: z\r\n";
@@ -74,12 +59,8 @@ TEST_F(ConfigFile, DebugLevelGovernsTheMessagesOfLaterLines) {
   EXPECT_EQ(load("debug 12\n" + body), "interface smi\r\n");   // only column 6 counts
   EXPECT_EQ(load("debug x\n" + body), "");
   EXPECT_EQ(load("debug 3\n\nInterface smi\n"), "no match\r\nno match\r\n");
-}
-
-TEST_F(ConfigFile, MissingFileLongLinesAndJunkAreHarmless) {
-  ::testing::internal::CaptureStdout();
-  kiv_loadConfig();
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  // No file: nothing printed, nothing changed.
+  EXPECT_EQ(load(""), "");
   EXPECT_EQ(access_if, ACCESS_IF_RESERVED);
   // A line longer than one read is taken in pieces; the rest is a line of its own.
   EXPECT_EQ(load("debug 3\nmdcaddrid 17" + std::string(300, 'z') + "\ninterface spi"),
@@ -93,9 +74,9 @@ TEST_F(ConfigFile, MissingFileLongLinesAndJunkAreHarmless) {
 TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
   char prompt[KIV_PROMPT_SIZE] = {};
   static char line[KIV_LINE_SIZE];
-  auto build = [&](const char *path, const char *out, signed char term) {
-    std::snprintf(kiv_pathBuffer, KIV_PATHBUF_SIZE, "%s", path);
-    std::snprintf(kiv_outputBuffer, KIV_OUTBUF_SIZE, "%s", out);
+  auto build = [&](const std::string &path, const std::string &out, signed char term) {
+    std::snprintf(kiv_pathBuffer, KIV_PATHBUF_SIZE, "%s", path.c_str());
+    std::snprintf(kiv_outputBuffer, KIV_OUTBUF_SIZE, "%s", out.c_str());
     std::strcpy(line, "old");
     EXPECT_EQ(kiv_buildPrompt(prompt, KIV_PROMPT_SIZE, line, term), 0);
     return std::string(prompt) + "|" + line;
@@ -105,10 +86,8 @@ TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
   EXPECT_EQ(build("<HX5200/>", "reg read ", 0), "<HX5200/> |");
   EXPECT_EQ(build("<HX5200/>", "reg read ", 'x'), "<HX5200/> |");
   EXPECT_EQ(build("", "reg read ", '?'), " |");
-  // Bounded: a long path fills the prompt buffer, an unterminated output buffer the line.
-  std::string longPath(KIV_PATHBUF_SIZE - 1, 'p');
-  std::string longOut(KIV_OUTBUF_SIZE, 'o');
-  EXPECT_EQ(build(longPath.c_str(), longOut.c_str(), '\t'),
+  // Bounded: a long path fills the prompt buffer, a full output buffer the line.
+  EXPECT_EQ(build(std::string(300, 'p'), std::string(KIV_OUTBUF_SIZE, 'o'), '\t'),
             std::string(KIV_PROMPT_SIZE - 2, 'p') + " |" + std::string(KIV_LINE_SIZE - 2, 'o'));
 }
 

@@ -1,49 +1,93 @@
-// The console line editor on a real pseudo-terminal: the exact bytes written for keys
-// (the terminal shows the editor's "\n" as "\r\n").
+// The console line editor on a real terminal: the exact bytes written for keys (the
+// terminal shows each "\n" as "\r\n") and what the screen shows.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <filesystem>
 #include <string>
 
-#include "shell_test_util.h"
+#include "shell/kivshell.h"
+#include "terminal.h"
 
 namespace {
 
-const std::string P = kLoopPrompt;   // 10 columns
+const std::string P = "<HX5200/> ";   // 10 columns
 const std::string ESC = "\x1b";
 const std::string LEFT = ESC + "[D", RIGHT = ESC + "[C", UP = ESC + "[A", DOWN = ESC + "[B";
 const std::string HOME = ESC + "[H", END = ESC + "[F", DEL = ESC + "[3~";
 
-std::string redrawn(const std::string &text) { return "\r" + P + text + ESC + "[J"; }
-
-// This test program in its editor-loop mode on a terminal `cols` wide.
-struct Editor {
-  explicit Editor(int cols = 80) : s(self_exe(), {{kLoopVar, "1"}}, "/", cols) {}
-  // One read: waits for its prompt (raw mode is on by then), types, and returns what
-  // was written from the prompt on; the read's result goes to `report`.
-  std::string read(const std::string &keys) {
-    pos = s.waitFor(P, pos);
-    s.keys(keys);
-    return s.untilReport(pos, &report);
+// With KIVSHELL_EDITOR_LOOP set this program only reads lines with the editor and reports
+// each as "=> [<result>|<line>]>>"; it ends with status 0 on "exit", 3 at end of input.
+const bool g_loopMode = [] {
+  if (!std::getenv("KIVSHELL_EDITOR_LOOP")) return false;
+  std::snprintf(kiv_prompt, sizeof kiv_prompt, "%s", P.c_str());
+  kiv_promptLen = static_cast<int>(P.size());
+  static char line[KIV_LINE_SIZE];
+  int n;
+  while ((n = kiv_readLine(line, 0)) > 0 && std::strcmp(line, "exit\n") != 0) {
+    line[n - 1] = '\0';
+    std::printf("=> [%d|%s]>>\n", n, line);
   }
-  PtySession s;
+  std::exit(n > 0 ? 0 : 3);
+}();
+
+// The editor loop on a terminal `cols` wide.
+struct Loop {
+  explicit Loop(int cols = 80)
+      : t("KIVSHELL_EDITOR_LOOP=1 " + quoted(std::filesystem::read_symlink("/proc/self/exe")), cols) {}
+  // One read: waits for its prompt (raw mode is on by then), types, and returns what was
+  // written from the prompt on; the read's result goes to `report`.
+  std::string read(const std::string &keys) {
+    pos = t.waitFor(P, pos);
+    t.keys(keys);
+    return next();
+  }
+  std::string next() {   // the bytes up to the next report
+    const size_t start = t.waitFor("=> [", pos), end = t.waitFor("]>>\r\n", start);
+    if (end == std::string::npos) return "<no report>";
+    const std::string out = t.output(), screen = out.substr(pos, start - pos);
+    report = out.substr(start + 4, end - start - 4);
+    pos = end + 5;
+    return screen;
+  }
+  Term t;
   size_t pos = 0;
   std::string report;
 };
 
-TEST(Editor, CursorMovesWithBackspacesOrEscapeSequences) {
-  Editor ed;
-  EXPECT_EQ(ed.read("abcd" + LEFT + LEFT + LEFT + "\r"), P + "abcd\b\b\bbcd\r\n");
+std::string redrawn(const std::string &text) { return "\r" + P + text + ESC + "[J"; }
+
+std::string times(int n, const std::string &s) {
+  std::string out;
+  while (n-- > 0) out += s;
+  return out;
+}
+
+std::string letters(size_t n) {
+  std::string s;
+  while (s.size() < n) s.push_back(static_cast<char>('a' + s.size() % 26));
+  return s;
+}
+
+// The rows `text` takes when wrapped at `width`.
+std::vector<std::string> wrapped(const std::string &text, size_t width) {
+  std::vector<std::string> rows;
+  for (size_t i = 0; i < text.size(); i += width) rows.push_back(text.substr(i, width));
+  return rows;
+}
+
+TEST(Editor, KeysWriteTheseBytes) {
+  Loop ed;
+  // Left by 3 is three backspaces, by 4 an escape sequence.
+  EXPECT_EQ(ed.read("abcd" + times(3, LEFT) + "\r"), P + "abcd\b\b\bbcd\r\n");
   EXPECT_EQ(ed.report, "5|abcd");
   EXPECT_EQ(ed.read("abcd" + HOME + END + "\r"), P + "abcd" + ESC + "[4D" + "abcd\r\n");
   // ESC [ 1 ~ is home (its tail swallowed); ESC [ 4 ~ end; ESC O H home.
   EXPECT_EQ(ed.read("abc" + ESC + "[1~X" + ESC + "[4~" + ESC + "OH" + RIGHT + "\r"),
             P + "abc\b\b\bXabc\b\b\babc" + ESC + "[4DXabc\r\n");
   EXPECT_EQ(ed.report, "5|Xabc");
-}
-
-TEST(Editor, InsertAndDeleteRedrawTheRestOfTheLine) {
-  Editor ed;
+  // Insert and delete redraw the rest of the line and come back.
   EXPECT_EQ(ed.read("ac" + LEFT + "b\r"), P + "ac\bbc\bc\r\n");
   EXPECT_EQ(ed.report, "4|abc");
   EXPECT_EQ(ed.read("abc" + LEFT + LEFT + "\x7f\r"), P + "abc\b\b\bbc \b\b\bbc\r\n");
@@ -54,10 +98,13 @@ TEST(Editor, InsertAndDeleteRedrawTheRestOfTheLine) {
   // unknown sequences ring the bell and ESC [ 5 ~ is eaten whole.
   EXPECT_EQ(ed.read(HOME + "\x7f" + END + DEL + "a\x03\x01" + ESC + "[5~" + ESC + "[Zb\r"), P + "a\a\ab\r\n");
   EXPECT_EQ(ed.report, "3|ab");
+  // A hung-up terminal is the end of input.
+  ed.t.waitFor(P, ed.pos);
+  EXPECT_EQ(ed.t.wait(true), 3);
 }
 
 TEST(Editor, TabAndQuestionMarkEndTheLineAndShapeTheHistory) {
-  Editor ed;
+  Loop ed;
   EXPECT_EQ(ed.read("\r"), P + "\r\n");
   EXPECT_EQ(ed.report, "1|");
   EXPECT_EQ(ed.read("re\t"), P + "re");           // no echo, no newline
@@ -68,17 +115,16 @@ TEST(Editor, TabAndQuestionMarkEndTheLineAndShapeTheHistory) {
   EXPECT_EQ(ed.report, "4|a?b");
   // Stored: "reg " and "a?" (the last character dropped after '?'); not the empty
   // line, not the completion request.
-  EXPECT_EQ(ed.read(UP + UP + UP + "\r"), P + redrawn("a?") + redrawn("reg ") + "\a\r\n");
+  EXPECT_EQ(ed.read(times(3, UP) + "\r"), P + redrawn("a?") + redrawn("reg ") + "\a\r\n");
   EXPECT_EQ(ed.report, "5|reg ");
 }
 
 TEST(Editor, HistoryKeepsFifteenLines) {
-  Editor ed;
+  Loop ed;
   EXPECT_EQ(ed.read(UP + DOWN + "\r"), P + "\a\a\r\n");
   for (int i = 1; i <= 16; ++i) ed.read("l" + std::to_string(i) + "\r");
   // "l1" was pushed out: fifteen steps back reach "l2", the sixteenth rings.
-  std::string screen = ed.read(std::string() + UP + UP + UP + UP + UP + UP + UP + UP + UP + UP + UP + UP + UP +
-                               UP + UP + UP + "\r");
+  const std::string screen = ed.read(times(16, UP) + "\r");
   EXPECT_EQ(ed.report, "3|l2");
   EXPECT_EQ(std::count(screen.begin(), screen.end(), '\a'), 1);
   EXPECT_TRUE(screen.ends_with(redrawn("l2") + "\a\r\n"));
@@ -90,42 +136,54 @@ TEST(Editor, HistoryKeepsFifteenLines) {
 }
 
 TEST(Editor, LongLinesWrapAtTheTerminalWidth) {
-  Editor ed(80);
-  const std::string a75(75, 'a');
-  // The 70th character fills the row: the editor moves on with newline + backspace
-  // (the next character + backspace when redrawing); crossing rows goes up and across.
-  EXPECT_EQ(ed.read(a75 + LEFT + LEFT + LEFT + LEFT + LEFT + LEFT + HOME + END + "\r"),
-            P + std::string(70, 'a') + "\r\n\b" + "aaaaa" + "\b\b\b\b\b" + ESC + "[1A" + ESC + "[79C" + ESC +
-                "[69D" + std::string(70, 'a') + "a\b" + "aaaaa" + "\r\n");
-  EXPECT_TRUE(ed.read(a75 + HOME + "\r").starts_with(P + std::string(70, 'a') + "\r\n\baaaaa\r" + ESC + "[1A" + ESC +
-                                                      "[10C"));
-  // At most 1022 characters; a Tab on a full line is ignored too.
-  ed.read(std::string(1030, 'k') + "\t\r");
-  EXPECT_EQ(ed.report, "1023|" + std::string(1022, 'k'));
+  {
+    Loop ed(80);
+    // The 70th character fills the row: the editor moves on with newline + backspace
+    // (the next character + backspace when redrawing); crossing rows goes up and across.
+    EXPECT_EQ(ed.read(std::string(75, 'a') + times(6, LEFT) + HOME + END + "\r"),
+              P + std::string(70, 'a') + "\r\n\b" + "aaaaa" + "\b\b\b\b\b" + ESC + "[1A" + ESC + "[79C" + ESC +
+                  "[69D" + std::string(70, 'a') + "a\b" + "aaaaa" + "\r\n");
+    // At most 1022 characters; a Tab on a full line is ignored too.
+    ed.read(std::string(1030, 'k') + "\t\r");
+    EXPECT_EQ(ed.report, "1023|" + std::string(1022, 'k'));
+  }
+  const std::string text = letters(130);
+  for (size_t width : {80u, 40u}) {
+    Loop ed(static_cast<int>(width));
+    ed.t.waitFor(P);
+    ed.t.keys(text);
+    auto want = wrapped(P + text, width);
+    EXPECT_EQ(ed.t.rows(want), want);
+    EXPECT_EQ(ed.t.cursor(), std::make_pair(static_cast<int>(140 % width), static_cast<int>(140 / width)));
+    // Insert at the front: the whole line shifts across the rows.
+    ed.t.keys(HOME + "#");
+    want = wrapped(P + "#" + text, width);
+    EXPECT_EQ(ed.t.rows(want), want);
+    EXPECT_EQ(ed.t.cursor(), std::make_pair(11, 0));
+    ed.t.keys(END + "\r");
+    ed.next();
+    EXPECT_EQ(ed.report, "132|#" + text);
+  }
 }
 
 TEST(Editor, ResizeRedrawsAtTheNewWidth) {
-  Editor ed(80);
-  ed.pos = ed.s.waitFor(P);
-  ed.s.keys(std::string(100, 'r'));
-  ASSERT_NE(ed.s.waitFor("\b" + std::string(30, 'r'), ed.pos), std::string::npos);
-  ed.s.resize(40);
-  // Two rows up (110 columns at width 40), then prompt and line wrapped at 40.
-  const std::string redraw = ESC + "[2A\r" + P + std::string(30, 'r') + "r\b" + std::string(40, 'r') + "r\b" +
-                             std::string(30, 'r') + ESC + "[J";
-  ASSERT_NE(ed.s.waitFor(redraw, ed.pos), std::string::npos) << ed.s.output();
-  ed.s.keys(LEFT + LEFT + "\r");
-  EXPECT_TRUE(ed.s.untilReport(ed.pos, &ed.report).ends_with(redraw + "\b\brr\r\n"));
-  EXPECT_EQ(ed.report, "101|" + std::string(100, 'r'));
-}
-
-TEST(Editor, EndOfInputEndsTheRead) {
-  Editor ed;
-  ed.s.waitFor(P);
-  ed.s.keys("abc");
-  ed.s.waitFor("abc");
-  ed.s.hangUp();
-  EXPECT_EQ(ed.s.wait(), 3);
+  Loop ed(80);
+  const std::string text = letters(100);
+  ed.pos = ed.t.waitFor(P);
+  ed.t.keys(text + LEFT + LEFT);
+  ASSERT_NE(ed.t.waitFor(text.substr(70) + "\b\b", ed.pos), std::string::npos);
+  ed.t.resize(40);
+  // Two rows up (108 columns at width 40), then prompt and line wrapped at 40, and back
+  // to the cursor.
+  const std::string redraw = ESC + "[2A\r" + P + text.substr(0, 30) + text[30] + "\b" + text.substr(30, 40) +
+                             text[70] + "\b" + text.substr(70) + ESC + "[J\b\b";
+  EXPECT_NE(ed.t.waitFor(redraw, ed.pos), std::string::npos) << ed.t.output();
+  const auto want = wrapped(P + text, 40);
+  EXPECT_EQ(ed.t.rows(want), want);
+  EXPECT_EQ(ed.t.cursor(), std::make_pair(28, 2));
+  ed.t.keys("!\r");
+  ed.next();
+  EXPECT_EQ(ed.report, "102|" + text.substr(0, 98) + "!" + text.substr(98));
 }
 
 }  // namespace
