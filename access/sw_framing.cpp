@@ -37,12 +37,15 @@ constexpr int kAckSamples = 10;  // one more sample is taken before giving up
 
 // ---- I2C -----------------------------------------------------------------------------------
 
-void i2c_bit(int b) {
-  g_i2c.both(0, b);
-  g_i2c.both(1, b);
-  g_i2c.both(1, b);
-  g_i2c.both(0, b);
+// One data bit on a two-wire bus: four line states (0, b), (1, b), (1, b), (0, b).
+void clock_bit(const TwoWireLines &l, int b) {
+  l.both(0, b);
+  l.both(1, b);
+  l.both(1, b);
+  l.both(0, b);
 }
+
+void i2c_bit(int b) { clock_bit(g_i2c, b); }
 
 void i2c_start() {
   g_i2c.both(1, 1);
@@ -164,15 +167,8 @@ void spi_address(uint8_t opcode, uint32_t addr) {
 
 // ---- SMI (IEEE 802.3 clause 22 frame) --------------------------------------------------------
 
-void smi_bit(int b) {
-  g_smi.both(0, b);
-  g_smi.both(1, b);
-  g_smi.both(1, b);
-  g_smi.both(0, b);
-}
-
 void smi_bits(uint32_t v, int n) {
-  for (int i = n - 1; i >= 0; --i) smi_bit((v >> i) & 1);
+  for (int i = n - 1; i >= 0; --i) clock_bit(g_smi, (v >> i) & 1);
 }
 
 // Preamble, start, opcode (01 write, 10 read), PHY address and register number.

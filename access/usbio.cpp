@@ -183,9 +183,16 @@ int read_exchange(usb_dev_handle *h, size_t cmdLen, uint8_t code, uint8_t *buf, 
 }
 
 // ---- register-level helpers --------------------------------------------------------------------
-void not_found(const char *op, int line) {
+// True when the adapter is open; otherwise the transfer named `op` reports it missing.
+bool adapter_open(const char *op, int line) {
+  if (usbio_handle) return true;
   printf("%s_%d \033[1;31;40m kivshell: USBIO device Not Found. Only be available for offline test! \033[0m \n",
          op, line);
+  return false;
+}
+
+uint32_t le32_at(const uint8_t *d) {
+  return d[0] | (d[1] << 8) | (d[2] << 16) | (static_cast<uint32_t>(d[3]) << 24);
 }
 
 void reconnect() {
@@ -270,14 +277,17 @@ void usbio_connect(void) {
   if (usbio_handle) usbio_close(usbio_handle, kIface);
   usbio_handle = usbio_open();
   if (!usbio_handle) return;
-  const uint16_t i2cDevice = static_cast<uint16_t>(0xA0 | ((i2caddrid & 7) << 1));
+  // The device address byte takes the whole id shifted left: an id above 7 (possible
+  // through `set i2cid`) reaches the bits above the 0xA0 pattern.
+  const uint8_t i2cDevice = static_cast<uint8_t>(0xA0 | (i2caddrid << 1));
   if (usbio_config(usbio_handle, kCodeI2cConfig, 1, 2, i2cDevice, kRegTimeoutUs) != 0) {
     puts("\033[1;31;40m kivshell: USBIO device IIC Configure error. \033[0m ");
     return;
   }
-  if (usbio_config(usbio_handle, kCodeSpiConfig, 1, 37, 0, kRegTimeoutUs) != 0 ||
-      usbio_config(usbio_handle, kCodeSpiConfig2, 0, 32, 0, kRegTimeoutUs) != 0)
-    puts("\033[1;31;40m kivshell: USBIO device SPI Configure error. \033[0m ");
+  // Both SPI steps are always sent; each failed one is reported.
+  constexpr const char *kSpiError = "\033[1;31;40m kivshell: USBIO device SPI Configure error. \033[0m ";
+  if (usbio_config(usbio_handle, kCodeSpiConfig, 1, 37, 0, kRegTimeoutUs) != 0) puts(kSpiError);
+  if (usbio_config(usbio_handle, kCodeSpiConfig2, 0, 32, 0, kRegTimeoutUs) != 0) puts(kSpiError);
 }
 
 void usbio_event(int code) {
@@ -390,10 +400,7 @@ int usbio_flash_write(usb_dev_handle *h, uint8_t code, uint32_t flashAddr, const
 // ---- register-level transfers ---------------------------------------------------------------------
 
 int32_t hx5200_usb_i2c_read(uint32_t addr, uint32_t *value) {
-  if (!usbio_handle) {
-    not_found("HX5200_USB_I2C_READ_NEW", kLineI2cRead);
-    return 8;
-  }
+  if (!adapter_open("HX5200_USB_I2C_READ_NEW", kLineI2cRead)) return 8;
   if (!value) return -8;
   uint8_t a[3];
   i2c_addr_block(addr, a);
@@ -401,15 +408,12 @@ int32_t hx5200_usb_i2c_read(uint32_t addr, uint32_t *value) {
   const int32_t rc = with_retry(i2c_retry_limit, [&] {
     return usbio_read(usbio_handle, kCodeI2cRead, 1, a, 3, d, 4, kRegTimeoutUs);
   });
-  if (rc == 0) *value = d[0] | (d[1] << 8) | (d[2] << 16) | (static_cast<uint32_t>(d[3]) << 24);
+  if (rc == 0) *value = le32_at(d);
   return rc;
 }
 
 int32_t hx5200_usb_i2c_read_burst(uint32_t addr, uint32_t *values, uint32_t n) {
-  if (!usbio_handle) {
-    not_found("HX5200_USB_I2C_READ_BURST", kLineI2cBurst);
-    return 8;
-  }
+  if (!adapter_open("HX5200_USB_I2C_READ_BURST", kLineI2cBurst)) return 8;
   if (n == 0) return 0;
   if (!values || n > kMaxData / 4) return -1;
   uint8_t a[3];
@@ -420,18 +424,12 @@ int32_t hx5200_usb_i2c_read_burst(uint32_t addr, uint32_t *values, uint32_t n) {
     return usbio_read(usbio_handle, kCodeI2cRead, 1, a, 3, data.data(), len, kBurstTimeoutUs);
   });
   if (rc != 0) return rc;
-  for (uint32_t i = 0; i < n; ++i) {
-    const uint8_t *d = data.data() + 4 * i;
-    values[i] = d[0] | (d[1] << 8) | (d[2] << 16) | (static_cast<uint32_t>(d[3]) << 24);
-  }
+  for (uint32_t i = 0; i < n; ++i) values[i] = le32_at(data.data() + 4 * i);
   return 0;
 }
 
 int32_t hx5200_usb_i2c_write(uint32_t addr, uint32_t value) {
-  if (!usbio_handle) {
-    not_found("HX5200_USB_I2C_WRITE_NEW", kLineI2cWrite);
-    return 8;
-  }
+  if (!adapter_open("HX5200_USB_I2C_WRITE_NEW", kLineI2cWrite)) return 8;
   uint8_t a[3];
   i2c_addr_block(addr, a);
   const uint8_t d[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
@@ -442,10 +440,7 @@ int32_t hx5200_usb_i2c_write(uint32_t addr, uint32_t value) {
 }
 
 int32_t hx5200_usb_i2c_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!usbio_handle) {
-    not_found("HX5200_USB_I2C_FLASH_WRITE_NEW", kLineI2cFlash);
-    return 8;
-  }
+  if (!adapter_open("HX5200_USB_I2C_FLASH_WRITE_NEW", kLineI2cFlash)) return 8;
   return flash_write_with_retry(kCodeI2cFlash, i2c_retry_limit, flashAddr, data, len, flag);
 }
 
@@ -479,10 +474,7 @@ int32_t hx5200_usb_spi_flash_write(uint32_t flashAddr, const uint8_t *data, uint
 }
 
 int32_t hx5200_usb_smi_write(uint32_t phy, uint32_t reg, uint16_t data) {
-  if (!usbio_handle) {
-    not_found("HX5200_SMI_WRITE_HXK", kLineSmiWrite);
-    return 8;
-  }
+  if (!adapter_open("HX5200_SMI_WRITE_HXK", kLineSmiWrite)) return 8;
   const uint8_t d[2] = {static_cast<uint8_t>(data >> 8), static_cast<uint8_t>(data)};
   return with_retry(smi_retry_limit, [&] {
     return usbio_smi_write(usbio_handle, kCodeSmiWrite, static_cast<uint8_t>(phy), static_cast<uint8_t>(reg), d, 2,
@@ -491,10 +483,7 @@ int32_t hx5200_usb_smi_write(uint32_t phy, uint32_t reg, uint16_t data) {
 }
 
 int32_t hx5200_usb_smi_read(uint32_t phy, uint32_t reg, uint16_t *data) {
-  if (!usbio_handle) {
-    not_found("HX5200_SMI_READ_HXK", kLineSmiRead);
-    return 8;
-  }
+  if (!adapter_open("HX5200_SMI_READ_HXK", kLineSmiRead)) return 8;
   if (!data) return -8;
   uint8_t d[2] = {};
   const int32_t rc = with_retry(smi_retry_limit, [&] {
@@ -510,10 +499,7 @@ int32_t hx5200_usb_smi_read(uint32_t phy, uint32_t reg, uint16_t *data) {
 }
 
 int32_t hx5200_usb_smi_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!usbio_handle) {
-    not_found("HX5200_USB_SMI_FLASH_WRITE_NEW", kLineSmiFlash);
-    return 8;
-  }
+  if (!adapter_open("HX5200_USB_SMI_FLASH_WRITE_NEW", kLineSmiFlash)) return 8;
   return flash_write_with_retry(kCodeSmiFlash, smi_retry_limit, flashAddr, data, len, flag);
 }
 

@@ -14,6 +14,14 @@ std::string bits(uint32_t v, int n = 8) {
   return s;
 }
 
+// The next level a device shows on its data line (`idle` when it has nothing to say).
+int next_level(std::deque<int> &levels, int idle) {
+  if (levels.empty()) return idle;
+  const int v = levels.front();
+  levels.pop_front();
+  return v;
+}
+
 // ---- I2C bus model ------------------------------------------------------------------------------
 // Decodes the master's lines into 'S' (start), 'P' (stop), '0'/'1' (bits the master drove)
 // and 'r' (clock pulses while the master listens). A bit counts when SCL falls again, so a
@@ -46,10 +54,7 @@ void i2c_dir(int o) { g_i2c.out = o; }
 void i2c_scl(int s) { g_i2c.clock(s); }
 int i2c_sample() {
   ++g_i2c.samples;
-  if (g_i2c.replies.empty()) return 1;
-  int v = g_i2c.replies.front();
-  g_i2c.replies.pop_front();
-  return v;
+  return next_level(g_i2c.replies, 1);
 }
 void spare() {}
 
@@ -79,6 +84,20 @@ TEST_F(SoftI2c, WriteFrame) {
   ack(8);
   ASSERT_EQ(reg_write(1, 0, 0), 0);
   EXPECT_EQ(g_i2c.log.substr(0, 10), "S" + acked(0xAA));
+
+  // Burst: address once, then every value, even after a missing acknowledge (which sends
+  // its own stop); the last byte's code is returned.
+  const uint32_t vals[2] = {0x11223344, 0x55667788};
+  for (int lastAcked : {1, 0}) {
+    g_i2c = I2cBus{};
+    i2caddrid = 4;
+    g_i2c.replies.assign(10, 1);  // the control byte is not acknowledged
+    ack(10 + lastAcked);
+    EXPECT_EQ(sw_i2c_reg_write_burst(0x010203, vals, 2), lastAcked ? 0 : 24);
+    std::string body = acked(3) + acked(2) + acked(1);
+    for (uint8_t b : {0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66}) body += acked(b);
+    EXPECT_EQ(g_i2c.log, "S" + acked(0xA8) + "P" + body + bits(0x55) + (lastAcked ? "rP" : "rPP"));
+  }
 }
 
 TEST_F(SoftI2c, ReadFrameAndValue) {
@@ -148,10 +167,7 @@ void spi_mosi_hi() { g_spi.mosi = 1; g_spi.events += '1'; }
 void spi_mosi_lo() { g_spi.mosi = 0; g_spi.events += '0'; }
 int spi_miso() {
   g_spi.events += 'm';
-  if (g_spi.miso.empty()) return 0;
-  int v = g_spi.miso.front();
-  g_spi.miso.pop_front();
-  return v;
+  return next_level(g_spi.miso, 0);
 }
 void spi_delay(uint32_t n) { g_spi.events += "d" + std::to_string(n); }
 
@@ -197,12 +213,7 @@ void smi_both(int c, int d) {
 }
 void smi_dir(int o) { g_smi.out = o; }
 void smi_mdc(int c) { g_smi.mdc = c; }
-int smi_sample() {
-  if (g_smi.replies.empty()) return 1;
-  int v = g_smi.replies.front();
-  g_smi.replies.pop_front();
-  return v;
-}
+int smi_sample() { return next_level(g_smi.replies, 1); }
 
 TEST(SoftSmi, Clause22Frames) {
   g_smi = SmiBus{};

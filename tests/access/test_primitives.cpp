@@ -63,16 +63,18 @@ class Primitives : public ::testing::Test {
 };
 
 TEST_F(Primitives, FieldsInMemory) {
-  uint32_t f = 0, v = 0xFFFFFFFF;
-  EXPECT_EQ(reg_field_get(1, 0, 0, 32, &f, 0xDEADBEEF), 0);
-  EXPECT_EQ(f, 0xDEADBEEFu);
-  EXPECT_EQ(reg_field_get(1, 0, 31, 1, &f, 0x80000000), 0);
-  EXPECT_EQ(f, 1u);
-  EXPECT_EQ(reg_field_get(1, 0, 31, 2, &f, 0), -2);
-  EXPECT_EQ(reg_field_get(1, 0, 0, 0, &f, 0), -2);
+  struct Get { uint32_t lsp, len, reg; int32_t rc; uint32_t field; };
+  for (const Get &g : {Get{0, 32, 0xDEADBEEF, 0, 0xDEADBEEF}, Get{31, 1, 0x80000000, 0, 1}, Get{4, 8, 0xABCD, 0, 0xBC},
+                       Get{31, 2, 0, -2, 0}, Get{0, 0, 0, -2, 0}, Get{32, 1, 0, -2, 0},
+                       Get{2, 0xFFFFFFFF, 0xF0, 0, 0x3C}}) {  // the range test wraps: the whole shifted value
+    uint32_t f = 0;
+    EXPECT_EQ(reg_field_get(1, 0, g.lsp, g.len, &f, g.reg), g.rc) << g.lsp << "/" << g.len;
+    EXPECT_EQ(f, g.field) << g.lsp << "/" << g.len;
+  }
+  uint32_t v = 0xFFFFFFFF;
   EXPECT_EQ(reg_field_get(1, 0, 40, 1, nullptr, 0), -2);  // range before pointer
   EXPECT_EQ(reg_field_get(1, 0, 0, 4, nullptr, 0), -8);
-  EXPECT_EQ(reg_field_set(1, 0, 8, 4, 0x1F5, &v), 0);     // bits above len dropped
+  EXPECT_EQ(reg_field_set(1, 0, 8, 4, 0x1F5, &v), 0);  // bits above len dropped
   EXPECT_EQ(v, 0xFFFFF5FFu);
   EXPECT_EQ(reg_field_set(1, 0, 0, 32, 0xCAFEBABE, &v), 0);
   EXPECT_EQ(v, 0xCAFEBABEu);
@@ -87,19 +89,24 @@ TEST_F(Primitives, FieldsOnTheChip) {
   EXPECT_EQ(f, 0xAu);
   EXPECT_EQ(reg_field_write(1, 0x100, 8, 8, 0x3C), 0);
   EXPECT_EQ(g_regs[0x100], 0xA5A53CA5u);
-  g_accesses = 0;  // bad range or pointer: no access at all
+  g_accesses = 0;  // the read checks range and pointer first: no access
   EXPECT_EQ(reg_field_read(1, 0x100, 30, 3, &f), -2);
   EXPECT_EQ(reg_field_read(1, 0x100, 0, 3, nullptr), -8);
-  EXPECT_EQ(reg_field_write(1, 0x100, 0, 0, 1), -2);
   EXPECT_EQ(g_accesses, 0);
+  EXPECT_EQ(reg_field_write(1, 0x100, 0, 0, 1), -2);  // the write reads first, the set refuses
+  EXPECT_EQ(g_accesses, 1);
   g_fail = 8;  // a failed read stops the write and leaves the output alone
   f = 77;
   EXPECT_EQ(reg_field_read(1, 0x100, 0, 4, &f), 8);
   EXPECT_EQ(reg_field_write(1, 0x100, 0, 4, 1), 8);
   EXPECT_EQ(f, 77u);
-  EXPECT_EQ(g_accesses, 2);
+  EXPECT_EQ(g_accesses, 3);
   access_if_set(3);
-  EXPECT_EQ(reg_field_write(1, 0x100, 0, 4, 1), -24);
+  EXPECT_EQ(reg_field_write(1, 0x100, 0, 0, 1), -24);  // refused at the read
+  EXPECT_EQ(reg_field_read(1, 0x100, 0, 0, &f), -2);
+  access_if_set(4);
+  EXPECT_EQ(reg_field_read(1, 0x100, 0, 0, &f), -1);
+  EXPECT_EQ(reg_field_write(1, 0x100, 0, 4, 1), -1);
 }
 
 TEST_F(Primitives, SelectorAndRegistration) {
@@ -187,6 +194,8 @@ TEST_F(Primitives, TracedFamily) {
   EXPECT_EQ(asic_reg_bit_set(0x40, 32, 1), -1000);
   EXPECT_EQ(asic_reg_bit_set(0x40, 0, 1), 0);
   EXPECT_EQ(asic_reg_bit_set(0x40, 12, 0), 0);
+  EXPECT_EQ(asic_reg_bit_get(0x40, 15, &v), 0);
+  EXPECT_EQ(v, 1u);
   EXPECT_EQ(g_regs[0x40], 0x0000E001u);
   EXPECT_EQ(asic_reg_bits_set(0x40, 5, 4, 0), -1000);
   EXPECT_EQ(asic_reg_bits_set(0x40, 4, 32, 0), -1000);
