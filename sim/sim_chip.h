@@ -17,7 +17,7 @@ struct Unit {
 };
 
 // Units, each defined in its own file.
-extern const Unit unit_core;   // generation register, indirect access, boot strap, arbitration
+extern const Unit unit_core;   // global window (page register, indirect access), generation register
 extern const Unit unit_phy;    // PHY access unit, SEL_EXT_ACCESS, MDX controller, fw/chip version
 extern const Unit unit_mib;    // MIB counter blocks, reset bits, OCP link words
 extern const Unit unit_vlan;   // VLAN table, PVIDs, filters, retagging tables

@@ -1,195 +1,241 @@
-// The chip behind the adapter: page decoding, the global window, indirect access, the
-// generation register, MDIO devices, persistence and the write-width notice.
+// The simulated chip under the tool's own access layer: page decoding, the global window,
+// indirect access, the generation register, the SMI indirect scheme, MDIO devices, the
+// write-width notice and state that survives detaching, damage and SIGKILL.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-
-#include <csignal>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
 #include "access/access.h"
-#include "board_harness.h"
+#include "access/usbio.h"
+#include "run_tool.h"
+#include "sim/sim.h"
+#include "sim/sim_board.h"
 #include "sim/sim_chip.h"
 
-TEST(Chip, PageRegisterSelectsTheAddressSpace) {
-  BoardHarness b;
-  EXPECT_EQ(b.i2c_read(0xFFFF01), 0x4Au);   // reset page: switch core
-  b.i2c_write(0x000010, 0x1111);            // lands at 0x4A000010
-  b.i2c_write(0xFFFF01, 0x51);
-  EXPECT_EQ(b.i2c_read(0xFFFF01), 0x51u);
-  EXPECT_EQ(b.i2c_read(0x000010), 0u);      // 0x51000010: another register
-  b.i2c_write(0x000010, 0x2222);
-  b.i2c_write(0xFFFF01, 0x4A);
-  EXPECT_EQ(b.i2c_read(0x000010), 0x1111u);
+namespace {
+
+// A board attached in `dir` with the host connected over I2C (or SPI, SMI on request).
+struct Board {
+  std::string dir;
+  explicit Board(std::string d = make_temp_dir("kivsim")) : dir(std::move(d)) { attach(); }
+  ~Board() {
+    detach();
+    access_if_set(0);
+  }
+  void attach() {
+    usb_ops_set(sim_attach(dir.c_str()));
+    usbio_use_i2c();
+    usbio_connect();
+    ASSERT_NE(usbio_handle, nullptr);
+  }
+  void detach() {
+    usbio_close(usbio_handle, 0);
+    usb_ops_set(nullptr);
+    sim_detach();
+  }
+  uint32_t rd(uint32_t a) {
+    uint32_t v = 0xDEADDEAD;
+    EXPECT_EQ(reg_read(1, a, &v), 0) << std::hex << a;
+    return v;
+  }
+  void wr(uint32_t a, uint32_t v) { EXPECT_EQ(reg_write(1, a, v), 0) << std::hex << a; }
+};
+
+struct EnvVar {
+  std::string name;
+  EnvVar(const char *n, const char *v) : name(n) { setenv(n, v, 1); }
+  ~EnvVar() { unsetenv(name.c_str()); }
+};
+
+}  // namespace
+
+TEST(Chip, PagesWindowAndGenerationRegister) {
+  Board b;
+  EXPECT_EQ(b.rd(0xFFFF01), 0x4Au);  // reset page: switch core
+  b.wr(0x000010, 0x1111);
+  b.wr(0xFFFF40, 0xCAFE);
+  b.wr(0xFFFF01, 0x1251);  // only the low byte selects the page
+  EXPECT_EQ(b.rd(0xFFFF01), 0x51u);
+  EXPECT_EQ(b.rd(0x000010), 0u);  // 0x51000010: another register
+  b.wr(0x000010, 0x2222);
   EXPECT_EQ(sim::chip_read(0x4A000010), 0x1111u);
   EXPECT_EQ(sim::chip_read(0x51000010), 0x2222u);
-  // Only the low byte of the written value selects the page.
-  b.i2c_write(0xFFFF01, 0x1242);
-  EXPECT_EQ(b.i2c_read(0xFFFF01), 0x42u);
-}
-
-TEST(Chip, WindowIsGlobalAcrossPages) {
-  BoardHarness b;
-  b.i2c_write(0xFFFF40, 0xCAFE);
-  for (uint32_t page : {0x00u, 0x42u, 0x51u}) {
-    b.i2c_write(0xFFFF01, page);
-    EXPECT_EQ(b.i2c_read(0xFFFF40), 0xCAFEu) << page;
-    EXPECT_EQ(b.i2c_read(0xFFFF01), page);
+  for (uint32_t page : {0x00u, 0x42u}) {  // the window is the same on every page
+    b.wr(0xFFFF01, page);
+    EXPECT_EQ(b.rd(0xFFFF40), 0xCAFEu) << page;
   }
-}
-
-TEST(Chip, GenerationRegisterOnPageZero) {
-  BoardHarness b;
-  b.i2c_write(0xFFFF01, 0);
-  EXPECT_EQ(b.i2c_read(0x103FF0) >> 28, 4u);
-  b.i2c_write(0x103FF0, 0);   // read-only
-  EXPECT_EQ(b.i2c_read(0x103FF0) >> 28, 4u);
-  b.i2c_write(0xFFFF01, 0x4A);
-  EXPECT_EQ(b.i2c_read(0x103FF0), 0u);   // on another page it is plain storage
+  // Generation register: page 0 only, read-only, top nibble 4 (the knob changes it).
+  b.wr(0xFFFF01, 0);
+  b.wr(0x103FF0, 0);
+  EXPECT_EQ(b.rd(0x103FF0), 0x40000000u);
+  b.wr(0xFFFF01, 0x4A);
+  EXPECT_EQ(b.rd(0x103FF0), 0u);
+  EXPECT_EQ(chip_probe(), 0);
+  EXPECT_EQ(b.rd(0xFFFF01), 0x4Au);  // the probe puts the page back
   EnvVar gen("KIVTOOL_SIM_CHIP_GEN", "3");
-  EXPECT_EQ(sim::chip_read(0x00103FF0) >> 28, 3u);
+  EXPECT_EQ(chip_probe(), -1);
 }
 
-TEST(Chip, IndirectAccessCompletesAtOnceThroughTheCurrentPage) {
-  BoardHarness b;
-  // Write: data to 0xFFFF15, then target | 0x3F000000 to 0xFFFF11.
-  b.i2c_write(0xFFFF15, 0x600DF00D);
-  b.i2c_write(0xFFFF11, 0x3F000000 | 0x180048);
-  EXPECT_EQ(b.i2c_read(0xFFFF11), 0xBF180048u);   // bit 31: done
+TEST(Chip, ByteOrdersMeetInTheSameRegister) {
+  // I2C carries values least significant byte first, SPI most significant first: a value
+  // written over one transport reads back the same over the other and in the chip.
+  Board b;
+  b.wr(0x180048, 0x11223344);
+  ASSERT_EQ(usbio_use_spi(), 0);
+  EXPECT_EQ(b.rd(0x180048), 0x11223344u);
+  b.wr(0x180050, 0xA1B2C3D4);
+  EXPECT_EQ(sim::chip_read(0x4A180050), 0xA1B2C3D4u);
+  ASSERT_EQ(usbio_use_i2c(), 0);
+  EXPECT_EQ(b.rd(0x180050), 0xA1B2C3D4u);
+}
+
+TEST(Chip, IndirectAccessThroughTheCurrentPageAndItsBusyKnob) {
+  Board b;
+  b.wr(0xFFFF15, 0x600DF00D);  // write: data, then target | 0x3F000000
+  b.wr(0xFFFF11, 0x3F180048);
+  EXPECT_EQ(b.rd(0xFFFF11), 0xBF180048u);  // bit 31: done at once
   EXPECT_EQ(sim::chip_read(0x4A180048), 0x600DF00Du);
-  // Read: target | 0x3D000000, then the data register holds the value.
-  sim::chip_write(0x4A000200, 0x12345678);
-  b.i2c_write(0xFFFF11, 0x3D000200);
-  EXPECT_NE(b.i2c_read(0xFFFF11) & 0x80000000u, 0u);
-  EXPECT_EQ(b.i2c_read(0xFFFF15), 0x12345678u);
-  // The target follows the page register.
-  b.i2c_write(0xFFFF01, 0x42);
+  b.wr(0xFFFF01, 0x42);  // read: target | 0x3D000000, through the current page
   sim::chip_write(0x42000200, 0xABCD);
-  b.i2c_write(0xFFFF11, 0x3D000200);
-  EXPECT_EQ(b.i2c_read(0xFFFF15), 0xABCDu);
-  // An indirect write aimed at the control register itself does not start another access.
-  b.i2c_write(0xFFFF15, 0x3F000300);
-  b.i2c_write(0xFFFF11, 0x3FFFFF11);
+  b.wr(0xFFFF11, 0x3D000200);
+  EXPECT_EQ(b.rd(0xFFFF15), 0xABCDu);
+  b.wr(0xFFFF15, 0x3F000300);  // aimed at the control register itself: no second access
+  b.wr(0xFFFF11, 0x3FFFFF11);
   EXPECT_EQ(sim::chip_read(0x42000300), 0u);
-}
 
-TEST(Chip, IndirectBusyKnob) {
   EnvVar busy("KIVTOOL_SIM_INDIRECT_BUSY", "2");
-  BoardHarness b;
-  b.i2c_write(0xFFFF11, 0x3D000200);
-  EXPECT_EQ(b.i2c_read(0xFFFF11) >> 31, 0u);
-  EXPECT_EQ(b.i2c_read(0xFFFF11) >> 31, 0u);
-  EXPECT_EQ(b.i2c_read(0xFFFF11) >> 31, 1u);
+  b.wr(0xFFFF11, 0x3D000200);
+  EXPECT_EQ(b.rd(0xFFFF11) >> 31, 0u);
+  EXPECT_EQ(b.rd(0xFFFF11) >> 31, 0u);
+  EXPECT_EQ(b.rd(0xFFFF11) >> 31, 1u);
   EnvVar never("KIVTOOL_SIM_INDIRECT_BUSY", "-1");
-  b.i2c_write(0xFFFF11, 0x3D000200);
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(b.i2c_read(0xFFFF11) >> 31, 0u);
+  b.wr(0xFFFF11, 0x3D000200);
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(b.rd(0xFFFF11) >> 31, 0u);
 }
 
-TEST(Chip, SmiIndirectSchemeAtAddress24) {
-  BoardHarness b;
-  // 32-bit write: data low/high, address low, then 0x8100 | address bits 16-23.
-  b.smi_write(24, 0, 0x5678);
-  b.smi_write(24, 2, 0x1234);
-  b.smi_write(24, 4, 0x0048);
-  b.smi_write(24, 6, 0x8100 | 0x18);
-  EXPECT_EQ(b.smi_read(24, 6) & 0x8000, 0);
+TEST(Chip, SmiIndirectSchemeAndMdioDevices) {
+  Board b;
+  ASSERT_EQ(usbio_use_smi(), 0);
+  b.wr(0x180048, 0x12345678);
   EXPECT_EQ(sim::chip_read(0x4A180048), 0x12345678u);
-  // 32-bit read.
   sim::chip_write(0x4A000404, 0xA5A55A5A);
-  b.smi_write(24, 4, 0x0404);
-  b.smi_write(24, 6, 0x8000);
-  EXPECT_EQ(b.smi_read(24, 6) & 0x8000, 0);
-  EXPECT_EQ(b.smi_read(24, 0), 0x5A5A);
-  EXPECT_EQ(b.smi_read(24, 2), 0xA5A5);
-  // Busy knob: the busy bit shows for the given number of polls; -1 for ever.
-  EnvVar busy("KIVTOOL_SIM_SMI_BUSY", "1");
-  b.smi_write(24, 6, 0x8000);
-  EXPECT_EQ(b.smi_read(24, 6) & 0x8000, 0x8000);
-  EXPECT_EQ(b.smi_read(24, 6) & 0x8000, 0);
-}
-
-TEST(Chip, MdioDevicesAndFloatingAddresses) {
-  BoardHarness b;
-  for (uint8_t phy = 0; phy < 8; ++phy) sim::mdio_write(phy, 31, (uint16_t)(0x100 + phy));
-  for (uint8_t phy = 0; phy < 8; ++phy) EXPECT_EQ(sim::mdio_read(phy, 31), 0x100 + phy);
+  EXPECT_EQ(b.rd(0x000404), 0xA5A55A5Au);
+  {
+    EnvVar busy("KIVTOOL_SIM_SMI_BUSY", "3");  // busy for three polls: still fine
+    EXPECT_EQ(b.rd(0x000404), 0xA5A55A5Au);
+  }
+  {
+    EnvVar never("KIVTOOL_SIM_SMI_BUSY", "-1");  // busy for ever: the host gives up
+    EXPECT_EQ(reg_write(1, 0x10, 1), 15);
+  }
+  // MDIO addresses 0-7 are plain clause-22 devices; others float high; five address bits.
+  for (uint8_t phy = 0; phy < 8; ++phy) EXPECT_EQ(hx5200_usb_smi_write(phy, 31, uint16_t(0x100 + phy)), 0);
+  uint16_t d = 0;
+  EXPECT_EQ(hx5200_usb_smi_read(3, 31, &d), 0);
+  EXPECT_EQ(d, 0x103);
+  EXPECT_EQ(sim::mdio_read(35, 31), 0x103);
   EXPECT_EQ(sim::mdio_read(0, 30), 0);
   sim::mdio_write(9, 0, 0x1234);
-  EXPECT_EQ(sim::mdio_read(9, 0), 0xFFFF);
-  EXPECT_EQ(sim::mdio_read(31, 5), 0xFFFF);
-  // Five address bits on the wire: 32 + 3 reaches device 3.
-  EXPECT_EQ(sim::mdio_read(35, 31), 0x103);
+  EXPECT_EQ(hx5200_usb_smi_read(9, 0, &d), 0);
+  EXPECT_EQ(d, 0xFFFF);
 }
 
-TEST(Chip, StateSurvivesDetachAndReattach) {
-  std::string dir = make_temp_dir("kivsim") + "/a/b";   // created with its parents
-  {
-    BoardHarness b(dir);
-    b.i2c_write(0x000020, 0xFEEDC0DE);
-    b.i2c_write(0xFFFF01, 0x42);
-    b.smi_write(5, 7, 0x7777);
-    // Enough keys to make the store grow several times.
-    for (uint32_t i = 0; i < 20000; ++i) sim::store_set(((uint64_t)7 << 32) | i, i + 1);
-  }
-  BoardHarness b(dir);
-  EXPECT_EQ(b.i2c_read(0xFFFF01), 0x42u);
-  EXPECT_EQ(sim::chip_read(0x4A000020), 0xFEEDC0DEu);
-  EXPECT_EQ(b.smi_read(5, 7), 0x7777);
-  for (uint32_t i = 0; i < 20000; i += 997) ASSERT_EQ(sim::store_get(((uint64_t)7 << 32) | i), i + 1);
-  EXPECT_STREQ(sim::state_dir(), dir.c_str());
-}
-
-TEST(Chip, DamagedStateFileStartsFromReset) {
-  std::string dir = make_temp_dir("kivsim");
-  write_file(dir + "/regs.bin", "not a register store");
-  BoardHarness b(dir);
-  EXPECT_EQ(b.i2c_read(0xFFFF01), 0x4Au);
-  b.i2c_write(0x30, 3);
-  b.reattach();
-  EXPECT_EQ(b.i2c_read(0x30), 3u);
-}
-
-TEST(Chip, UnusableDirectoryIsRefused) {
-  std::string dir = make_temp_dir("kivsim");
-  write_file(dir + "/file", "x");
-  EXPECT_EQ(sim_attach((dir + "/file").c_str()), nullptr);
-  EXPECT_EQ(sim_attach(""), nullptr);
-  EXPECT_EQ(sim::state_dir(), nullptr);
-}
-
-TEST(Chip, WriteWidthNoticeIsConsumedByTheNextWriteOfThatAddress) {
-  BoardHarness b;
+TEST(Chip, WriteWidthNoticeIsTakenByTheNextWriteOfThatAddress) {
+  Board b;
   EXPECT_EQ(sim::take_write_width(0x51000104), 4u);
   reg_width_notice(0x000104, 1);
-  EXPECT_EQ(sim::take_write_width(0x51000200), 4u);   // another address: still pending
+  EXPECT_EQ(sim::take_write_width(0x51000200), 4u);  // another address: still pending
   EXPECT_EQ(sim::take_write_width(0x51000104), 1u);
-  EXPECT_EQ(sim::take_write_width(0x51000104), 4u);   // consumed
+  EXPECT_EQ(sim::take_write_width(0x51000104), 4u);  // consumed
   reg_width_notice(0x104, 2);
   EXPECT_EQ(sim::take_write_width(0x104), 2u);
-  reg_width_notice(0x104, 3);                          // not a width: a full word
+  reg_width_notice(0x104, 3);  // not a width: a full word
   EXPECT_EQ(sim::take_write_width(0x104), 4u);
 }
 
-// A run killed outright keeps every completed write: the store is a shared mapping.
-TEST(Chip, StateSurvivesSigkill) {
-  std::string dir = make_temp_dir("kivsim");
-  pid_t pid = fork();
+TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
+  const std::string dir = make_temp_dir("kivsim") + "/a/b";  // created with its parents
+  {
+    Board b(dir);
+    b.wr(0x000020, 0xFEEDC0DE);
+    b.wr(0xFFFF01, 0x42);
+    sim::mdio_write(5, 7, 0x7777);
+    for (uint32_t i = 0; i < 20000; ++i) sim::store_set(sim::key(7, i), i + 1);  // the store grows
+    b.detach();
+    b.attach();
+    EXPECT_EQ(b.rd(0xFFFF01), 0x42u);
+    EXPECT_EQ(sim::chip_read(0x4A000020), 0xFEEDC0DEu);
+    EXPECT_EQ(sim::mdio_read(5, 7), 0x7777);
+    for (uint32_t i = 0; i < 20000; i += 997) ASSERT_EQ(sim::store_get(sim::key(7, i)), i + 1);
+    EXPECT_STREQ(sim::state_dir(), dir.c_str());
+  }
+  const std::string damaged = make_temp_dir("kivsim");
+  write_file(damaged + "/regs.bin", "not a register store");
+  testing::internal::CaptureStderr();
+  {
+    Board b(damaged);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("damaged"), std::string::npos);
+    EXPECT_EQ(b.rd(0xFFFF01), 0x4Au);
+    b.wr(0x30, 3);
+    b.detach();
+    b.attach();
+    EXPECT_EQ(b.rd(0x30), 3u);
+  }
+  write_file(damaged + "/file", "x");
+  EXPECT_EQ(sim_attach((damaged + "/file").c_str()), nullptr);
+  EXPECT_EQ(sim_attach(""), nullptr);
+  EXPECT_EQ(sim::state_dir(), nullptr);
+
+  // A run killed outright keeps every completed write: the store is a shared mapping.
+  const std::string killed = make_temp_dir("kivsim");
+  const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
-    const usb_ops_t *ops = sim_attach(dir.c_str());
-    if (!ops) _exit(3);
+    if (!sim_attach(killed.c_str())) _exit(3);
     sim::chip_write(0x4A000070, 0x70707070);
-    sim::mdio_write(1, 2, 0x1212);
-    for (uint32_t i = 0; i < 5000; ++i) sim::store_set(((uint64_t)9 << 32) | i, ~i);
+    for (uint32_t i = 0; i < 5000; ++i) sim::store_set(sim::key(9, i), ~i);
     kill(getpid(), SIGKILL);
     _exit(4);
   }
   int st = 0;
   ASSERT_EQ(waitpid(pid, &st, 0), pid);
   ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
-  BoardHarness b(dir);
-  EXPECT_EQ(b.i2c_read(0x70), 0x70707070u);
-  EXPECT_EQ(b.smi_read(1, 2), 0x1212);
-  EXPECT_EQ(sim::store_get(((uint64_t)9 << 32) | 4999), ~4999u);
+  Board b(killed);
+  EXPECT_EQ(b.rd(0x70), 0x70707070u);
+  EXPECT_EQ(sim::store_get(sim::key(9, 4999)), ~4999u);
+}
+
+// The board under the real tool: registers and page carried from one run to the next, the
+// generation knob and an unplugged adapter reaching the start-up.
+TEST(Chip, ToolRunsShareTheBoard) {
+  ToolRun r;
+  r.cwd = make_temp_dir("kivsim");
+  const auto run = [&](std::vector<std::string> args, std::vector<std::pair<std::string, std::string>> env = {}) {
+    r.args = std::move(args);
+    r.env = std::move(env);
+    const ToolResult res = run_tool(r);
+    EXPECT_TRUE(!res.timedOut && res.status == 0);
+    return res.out.substr(std::string(kSdkLine).size());
+  };
+  run({"reg", "set", "0x180048", "0x200"});
+  run({"reg", "chgpage", "cpu"});
+  EXPECT_EQ(run({"reg", "chgpage", "current"}), "Current Page: 0x42\r\nSuccess!!\n");
+  run({"reg", "chgpage", "swcore"});
+  EXPECT_EQ(run({"reg", "get", "0x180048"}), "[0x180048]=0x0200\nSuccess!!\n");
+  EXPECT_EQ(run({"reg", "get", "0x0"}, {{"KIVTOOL_SIM_CHIP_GEN", "3"}}),
+            "This KIV build is not match with current chip version\n[0x0000]=0x0000\nSuccess!!\n");
+  // The adapter leaves at its first command: the bring-up and the chip check fail, the
+  // write finds no adapter, and nothing reaches the board.
+  EXPECT_EQ(run({"reg", "set", "0x40", "0x1"}, {{"KIVTOOL_SIM_FAULTS", "unplug@1"}}),
+            "\033[1;31;40m kivshell: USBIO device IIC Configure error. \033[0m \n"
+            "This KIV build is not match with current chip version\n"
+            "HX5200_USB_I2C_WRITE_NEW_1482 \033[1;31;40m kivshell: USBIO device Not Found. Only be available for "
+            "offline test! \033[0m \nErrno : -2\n");
+  EXPECT_EQ(run({"reg", "get", "0x40"}), "[0x0040]=0x0000\nSuccess!!\n");
 }
