@@ -95,22 +95,14 @@ int32_t read_reg(uint8_t opcode, uint32_t count, uint32_t *word) {
   return rd(SPIC_DATA, word);
 }
 
-int32_t current_page(uint32_t *page) { return rd(PAGE_REG_ADDR, page); }
-
-// Read or write one register on another page, coming back to the page in use.
-int32_t on_page_read(uint32_t page, uint32_t addr, uint32_t *value) {
+// Runs `body` on another register page and selects the page in use again afterwards,
+// whatever the body's result.
+template <class Body>
+int32_t on_page(uint32_t page, Body &&body) {
   uint32_t prev = 0;
-  TRY(current_page(&prev));
+  TRY(rd(PAGE_REG_ADDR, &prev));
   TRY(spi_flash_page(page));
-  int32_t rc = rd(addr, value);
-  int32_t rc2 = spi_flash_page(prev & 0xFF);
-  return rc ? rc : rc2;
-}
-int32_t on_page_write(uint32_t page, uint32_t addr, uint32_t value) {
-  uint32_t prev = 0;
-  TRY(current_page(&prev));
-  TRY(spi_flash_page(page));
-  int32_t rc = wr(addr, value);
+  int32_t rc = body();
   int32_t rc2 = spi_flash_page(prev & 0xFF);
   return rc ? rc : rc2;
 }
@@ -437,10 +429,13 @@ bool spi_flash_clock_pair(uint32_t mhz, uint32_t *source, uint32_t *divisor) {
 
 int32_t spi_flash_get_clock(uint32_t *mhz) {
   uint32_t div = 0, src = 0;
-  if (on_page_read(PAGE_SPIC, SPIC_DIV, &div) != 0) return -1;
-  if (on_page_read(PAGE_CPU, SPIF_CLOCK_SOURCE, &src) != 0) return -1;
+  int32_t rc = on_page(PAGE_SPIC, [&] {
+    TRY(rd(SPIC_DIV, &div));
+    TRY(spi_flash_page(PAGE_CPU));
+    return rd(SPIF_CLOCK_SOURCE, &src);
+  });
   const uint32_t base = kClockBase[src & 3];
-  if (div == 0 || base == 0) return -1;   // nothing sensible to divide
+  if (rc != 0 || div == 0 || base == 0) return -1;   // nothing sensible to divide
   *mhz = base / (2 * div);
   return 0;
 }
@@ -490,16 +485,18 @@ int32_t spi_flash_apply_settings(void) {
   TRY(wr(SPIC_DIV, 8));
   TRY(wr(SPIC_DIV2, 8));
   cfg.sysDelay = 15;
-  TRY(on_page_write(PAGE_CPU, SPIF_CPU_SAMPLE, 0));
+  TRY(on_page(PAGE_CPU, [] { return wr(SPIF_CPU_SAMPLE, 0); }));
   uint32_t id = 0;
   TRY(spi_flash_read_id(&id));
   const uint8_t manufacturer = (uint8_t)id;
 
   uint32_t source = 0, divisor = 0;
   if (!spi_flash_clock_pair(cfg.reqClock, &source, &divisor)) return -1;
-  uint32_t srcReg = 0;
-  TRY(on_page_read(PAGE_CPU, SPIF_CLOCK_SOURCE, &srcReg));
-  TRY(on_page_write(PAGE_CPU, SPIF_CLOCK_SOURCE, (srcReg & ~3u) | source));
+  TRY(on_page(PAGE_CPU, [source] {
+    uint32_t v = 0;
+    TRY(rd(SPIF_CLOCK_SOURCE, &v));
+    return wr(SPIF_CLOCK_SOURCE, (v & ~3u) | source);
+  }));
   TRY(wr(SPIC_DIV, divisor));
   TRY(wr(SPIC_DIV2, divisor));
   uint32_t readBack = 0;
@@ -543,8 +540,10 @@ int32_t spi_flash_calibrate(void) {
   if (cfg.channel == 4) TRY(enable_quad_mode());
   const uint32_t keptDelay = cfg.sysDelay;
   uint32_t keptSample = 0;
-  TRY(on_page_read(PAGE_CPU, SPIF_CPU_SAMPLE, &keptSample));
-  TRY(on_page_write(PAGE_CPU, SPIF_CPU_SAMPLE, 0));
+  TRY(on_page(PAGE_CPU, [&keptSample] {
+    TRY(rd(SPIF_CPU_SAMPLE, &keptSample));
+    return wr(SPIF_CPU_SAMPLE, 0);
+  }));
   cfg.sysDelay = 0;
   if (delay_search() == 0) return 0;
 
@@ -558,6 +557,6 @@ int32_t spi_flash_calibrate(void) {
     }
   }
   cfg.sysDelay = keptDelay;
-  on_page_write(PAGE_CPU, SPIF_CPU_SAMPLE, keptSample);
+  on_page(PAGE_CPU, [keptSample] { return wr(SPIF_CPU_SAMPLE, keptSample); });
   return -1;
 }

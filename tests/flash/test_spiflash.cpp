@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +21,26 @@ namespace {
 
 using Knobs = std::initializer_list<std::pair<std::string, std::string>>;
 
+// Register accesses as the layer makes them: "W<addr>=<value>" and "R<addr>", addresses on
+// the controller's page shortened to their offset.
+std::string g_trace;
+bool g_tracing = false;
+
+void note(const char *fmt, uint32_t addr, uint32_t value) {
+  if (!g_tracing) return;
+  char text[40];
+  snprintf(text, sizeof text, fmt, (addr >> 24) == 0x51 ? addr & 0xFFFFFF : addr, value);
+  g_trace += text;
+}
+int32_t traced_write(uint32_t addr, uint32_t value) {
+  note("W%x=%x ", addr, value);
+  return hx5200_usb_i2c_write(addr, value);
+}
+int32_t traced_read(uint32_t addr, uint32_t *value) {
+  note("R%x ", addr, 0);
+  return hx5200_usb_i2c_read(addr, value);
+}
+
 class FlashBoard {
  public:
   explicit FlashBoard(Knobs knobs = {}) : dir_(make_temp_dir("kivflash")) {
@@ -30,6 +52,7 @@ class FlashBoard {
     usb_ops_set(sim_attach(dir_.c_str()));
     usbio_use_i2c();
     usbio_connect();
+    i2c_hooks_register(traced_write, traced_read);
     spi_flash_cfg_reset();
     spi_flash_page(PAGE_SPIC);
   }
@@ -50,7 +73,15 @@ class FlashBoard {
   std::vector<std::string> vars_;
 };
 
-std::vector<uint8_t> bytes(std::initializer_list<int> v) { return std::vector<uint8_t>(v.begin(), v.end()); }
+// The settings that decide how the layer talks to the flash, in one line.
+std::string settings() {
+  const spi_flash_cfg_t &c = spi_flash_cfg;
+  char text[120];
+  snprintf(text, sizeof text, "ch=%u clk=%u div=%u dly=%u pg=%x rd=%x dummy=%u/%x quad=%u,%u further=%u", c.channel,
+           c.clock, c.divisor, c.sysDelay, c.pgOpcode, c.rdOpcode, c.dummyCycles, c.dummyByte, c.quadFlag1, c.quadFlag2,
+           c.furtherMode);
+  return text;
+}
 
 std::vector<uint8_t> flash_read(uint32_t addr, uint32_t len) {
   std::vector<uint8_t> b(len);
@@ -58,55 +89,56 @@ std::vector<uint8_t> flash_read(uint32_t addr, uint32_t len) {
   return b;
 }
 
-TEST(SpiFlashLayer, AddressWordCarriesOpcodeThenAddressFromTheTop) {
+TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
   static_assert(spi_flash_addr_word(0x03, 0x123456) == 0x56341203);
-  static_assert(spi_flash_addr_word(0xD8, 0x0000FF) == 0xFF0000D8);
-  static_assert(spi_flash_addr_word(0x02, 0xAB123456) == 0x56341202);   // 24 bits only
-}
+  static_assert(spi_flash_addr_word(0x02, 0xAB0000FF) == 0xFF000002);   // 24 bits only
 
-TEST(SpiFlashLayer, ArbitrationGrantsAndReleases) {
-  FlashBoard board;
-  spi_flash_page(PAGE_SWCORE);
-  ASSERT_EQ(spi_flash_acquire(), 0);
-  EXPECT_EQ(sim::chip_read(SPIF_ARBITRATION) >> 24 & 3, 2u);
-  ASSERT_EQ(spi_flash_acquire(), 0);   // already ours
-  EXPECT_EQ(spi_flash_release(), 0);
-  EXPECT_EQ(sim::chip_read(SPIF_ARBITRATION), 0u);
-}
-
-TEST(SpiFlashLayer, ArbitrationRefusedWhenAnotherMasterHoldsTheFlash) {
-  FlashBoard board({{"FLASH_OWNED", "1"}});
-  spi_flash_page(PAGE_SWCORE);
-  sim::chip_write(SPIF_ARBITRATION, 1u << 25);   // our request, left over from an earlier run
-  EXPECT_EQ(spi_flash_acquire(), -11);
-  EXPECT_EQ(spi_flash_release(), 0);
-  EXPECT_EQ(sim::chip_read(SPIF_ARBITRATION), 1u << 24);   // only the other master's bit is left
-}
-
-TEST(SpiFlashLayer, IdentificationStatusAndLatch) {
-  FlashBoard board;
-  uint32_t id = 0;
-  ASSERT_EQ(spi_flash_read_id(&id), 0);
-  EXPECT_EQ(id, 0x1640EFu);
-  uint8_t st = 0xEE;
-  ASSERT_EQ(spi_flash_read_status(&st), 0);
-  EXPECT_EQ(st, 0);
-  ASSERT_EQ(spi_flash_write_enable(), 0);
-  ASSERT_EQ(spi_flash_read_status(&st), 0);
-  EXPECT_EQ(st, 0x02);
-  ASSERT_EQ(spi_flash_write_disable(), 0);
-  ASSERT_EQ(spi_flash_read_status(&st), 0);
-  EXPECT_EQ(st, 0);
-
-  ASSERT_EQ(spi_flash_write_status(0x1C, 0x02, true), 0);
-  ASSERT_EQ(spi_flash_read_status(&st), 0);
-  EXPECT_EQ(st, 0x1C);
-  uint8_t cr = 0;
-  ASSERT_EQ(spi_flash_read_config(&cr), 0);
-  EXPECT_EQ(cr, 0x02);
-  ASSERT_EQ(spi_flash_clear_protect(), 0);
-  ASSERT_EQ(spi_flash_read_status(&st), 0);
-  EXPECT_EQ(st, 0);
+  FlashBoard board({{"SPIC_BUSY", "0"}, {"FLASH_WIP", "0"}});
+  const std::string run = "W8=1 R28 W8=0 ";
+  const std::string rdsr = "W8=0 W0=300 W10=1 W4=1 W11c=f W118=3 W60=5 " + run + "R60 ";
+  uint8_t st = 0;
+  uint32_t word = 0;
+  const uint8_t data[5] = {1, 2, 3, 4, 5};
+  uint8_t buf[5];
+  const std::vector<std::pair<std::function<int32_t()>, std::string>> cases = {
+      {[&] { return spi_flash_read_status(&st); }, rdsr},
+      {[&] { return spi_flash_read_id(&word); }, "W8=0 W0=300 W10=1 W4=3 W11c=f W118=3 W60=9f " + run + "R60 "},
+      {[] { return spi_flash_write_status(0xAA, 0xBB, true); },
+       "R28 W8=0 W0=0 W10=1 W4=1 W11c=f W118=1 W60=6 " + run + "W118=2 W60=1 W60=aa W60=bb " + run + rdsr},
+      {[] { return spi_flash_write_enable(); },
+       rdsr + "W8=0 W0=0 W10=1 W4=1 W11c=2803000f W118=1 W60=6 " + run + rdsr},
+      // 0xAA carries protection bits: cleared by a one-byte write of 0xAA & 0x43, checked.
+      {[] { return spi_flash_clear_protect(); },
+       "R28 " + rdsr + rdsr + "R28 W8=0 W0=0 W10=1 W4=1 W11c=f W118=1 W60=6 " + run + "W118=1 W60=1 W60=2 " + run +
+           rdsr + rdsr},
+      {[] { return spi_flash_erase(0x3000, SPIF_ERASE_SECTOR); },
+       "R28 " + rdsr + "W11c=f W118=3 W10=1 W4=1 W0=0 W60=6 " + run + "W60=300020 " + run + rdsr},
+      {[] { return spi_flash_erase(0x3000, SPIF_ERASE_CHIP); },
+       "R28 " + rdsr + "W11c=f W118=1 W10=1 W4=1 W0=0 W60=6 " + run + "W60=c7 " + run + rdsr},
+      // Five bytes from 0xFE: two up to the page end, three from 0x100, tails as bytes.
+      {[&] { return spi_flash_program(0xFE, data, 5); },
+       "R28 " + rdsr + "W10=1 W4=1 W11c=f W118=3 W0=0 W60=6 " + run + "W60=fe000002 W60=1 W60=2 " + run + rdsr +
+           "W0=0 W60=6 " + run + "W60=10002 W60=3 W60=4 W60=5 " + run + rdsr},
+      {[&] { return spi_flash_read(0x10, buf, 5); },
+       "R28 " + rdsr + "W8=0 W10=1 W118=3 W0=300 W11c=f W4=5 W60=10000003 " + run + "R60 R60 "},
+      {[&] { return spi_flash_get_clock(&word); }, "Rffff01 Wffff01=51 R14 Wffff01=42 R42180000 Wffff01=51 "},
+      {[] { return spi_flash_apply_settings(); },
+       "W8=0 W14=8 W114=8 Rffff01 Wffff01=42 W42100030=0 Wffff01=51 W8=0 W0=300 W10=1 W4=3 W11c=f W118=3 W60=9f " +
+           run + "R60 Rffff01 Wffff01=42 R42180000 W42180000=1 Wffff01=51 W14=8 W114=8 R14 "},
+      {[] { return spi_flash_acquire(); }, "R4a1b000c W4a1b000c=2000000 R4a1b000c "},
+      {[] { return spi_flash_release(); }, "R4a1b000c W4a1b000c=0 "},
+      {[] { return spi_flash_controller_init(); }, "Wffff01=4a R4a1b0078 R4a1f0008 Wffff01=51 W8=0 Wffff01=4a "},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    g_trace.clear();
+    g_tracing = true;
+    testing::internal::CaptureStdout();   // the erase messages
+    int32_t rc = cases[i].first();
+    testing::internal::GetCapturedStdout();
+    g_tracing = false;
+    EXPECT_EQ(rc, 0) << "case " << i;
+    EXPECT_EQ(g_trace, cases[i].second) << "case " << i;
+  }
 }
 
 TEST(SpiFlashLayer, TimeOutsOfControllerFlashAndLatch) {
@@ -129,115 +161,55 @@ TEST(SpiFlashLayer, TimeOutsOfControllerFlashAndLatch) {
   }
 }
 
-TEST(SpiFlashLayer, ProgramSplitsAtPagesAndReadsBackInAnyLength) {
+TEST(SpiFlashLayer, ProtectedFlashRefusesEraseAndProgram) {
   FlashBoard board;
-  std::vector<uint8_t> data(600);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = (uint8_t)(i * 7 + 1);
-  ASSERT_EQ(spi_flash_program(0x1F0, data.data(), (uint32_t)data.size()), 0);
-  std::string img = board.image();
-  ASSERT_EQ(img.size(), 4u << 20);
-  EXPECT_EQ(std::vector<uint8_t>(img.begin() + 0x1F0, img.begin() + 0x1F0 + 600), data);
-  EXPECT_EQ((uint8_t)img[0x1EF], 0xFF);
-  EXPECT_EQ((uint8_t)img[0x1F0 + 600], 0xFF);
-  for (uint32_t len : {1u, 3u, 4u, 5u, 255u, 256u, 257u, 600u})
-    EXPECT_EQ(flash_read(0x1F0, len), std::vector<uint8_t>(data.begin(), data.begin() + len)) << len;
-
-  // Tails of 1-3 bytes go out as byte writes: a wrong width would program stray bytes.
-  ASSERT_EQ(spi_flash_program(0x2000, data.data(), 7), 0);
-  EXPECT_EQ(flash_read(0x2000, 8), std::vector<uint8_t>({data[0], data[1], data[2], data[3], data[4], data[5],
-                                                         data[6], 0xFF}));
-}
-
-TEST(SpiFlashLayer, EraseKindsMessagesAndProtection) {
-  FlashBoard board;
-  std::vector<uint8_t> zeros(16, 0);
-  for (uint32_t a : {0x0u, 0x1000u, 0x10000u, 0x20000u}) ASSERT_EQ(spi_flash_program(a, zeros.data(), 16), 0);
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(spi_flash_erase(0x1000, SPIF_ERASE_SECTOR), 0);
-  EXPECT_EQ(spi_flash_erase(0x10000, SPIF_ERASE_BLOCK), 0);
-  EXPECT_EQ(spi_flash_erase(0, 3), -2);
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("]-info-: Sector Erase 1\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("]-info-: Block64K Erase 1\n"), std::string::npos) << out;
-  EXPECT_EQ(out.rfind("[spi_flash_erase-", 0), 0u) << out;
-  EXPECT_EQ(flash_read(0x1000, 2), bytes({0xFF, 0xFF}));
-  EXPECT_EQ(flash_read(0x10000, 2), bytes({0xFF, 0xFF}));
-  EXPECT_EQ(flash_read(0x0, 1), bytes({0}));
-  EXPECT_EQ(flash_read(0x20000, 1), bytes({0}));
-
+  const uint8_t data[1] = {0x12};
   ASSERT_EQ(spi_flash_write_status(0x04, 0, false), 0);
   testing::internal::CaptureStdout();
   EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), -1);
-  out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("]-info-: Flash is protected\n"), std::string::npos) << out;
-  uint8_t b = 0x12;
-  EXPECT_EQ(spi_flash_program(0x30000, &b, 1), -1);
-
-  ASSERT_EQ(spi_flash_clear_protect(), 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), 0);
-  out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("]-info-: Chip Erase... ...\n"), std::string::npos) << out;
-  EXPECT_EQ(flash_read(0x20000, 1), bytes({0xFF}));
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[spi_flash_erase-[0-9]+\]-info-: Flash is protected\n)"))) << out;
+  EXPECT_EQ(spi_flash_program(0x30000, data, 1), -1);
+  EXPECT_EQ(spi_flash_erase(0, 3), -2);
 }
 
 TEST(SpiFlashLayer, MultiLineReadSetUpAndItsDelayArithmetic) {
   FlashBoard board;
-  std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  const std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7, 8, 9};
   ASSERT_EQ(spi_flash_program(0x500, data.data(), 9), 0);
-
   spi_flash_cfg.channel = 2;
   spi_flash_cfg.rdOpcode = 0x3B;
   spi_flash_cfg.dummyCycles = 8;
   EXPECT_EQ(flash_read(0x500, 9), data);
-  EXPECT_EQ(sim::chip_read(SPIC_CTRL), 0x40300u);
-  EXPECT_EQ(sim::chip_read(SPIC_FORMAT), 0u);
-  EXPECT_EQ(sim::chip_read(SPIC_DELAY), 15u);
+  EXPECT_EQ(sim::chip_read(SPIC_FORMAT), 0u);   // dummy cycles configured
 
-  // Second four-line flag clear: delay compensated for the dummy cycles past four.
-  spi_flash_cfg.quadFlag2 = 0;
-  spi_flash_cfg.divisor = 2;
-  spi_flash_cfg.sysDelay = 1;
-  std::vector<uint8_t> buf(4);
-  spi_flash_read(0x500, buf.data(), 4);
-  EXPECT_EQ(sim::chip_read(SPIC_CTRL), 0x50300u);
-  EXPECT_EQ(sim::chip_read(SPIC_DELAY), 1u + 2 * (8 - 4) * 2);
-
-  // Too few dummy cycles for either rule: the read cannot be set up.
-  spi_flash_cfg.quadFlag2 = 1;
-  spi_flash_cfg.dummyCycles = 4;
-  EXPECT_EQ(spi_flash_read(0x500, buf.data(), 4), -1);
-  spi_flash_cfg.channel = 4;
-  spi_flash_cfg.quadFlag2 = 0;
-  spi_flash_cfg.dummyCycles = 1;
-  EXPECT_EQ(spi_flash_read(0x500, buf.data(), 4), -1);
+  // Sample delay 1, divisor 2: the delay grows by the dummy cycles past the threshold; a
+  // set-up that meets neither rule fails the read (the delay left by the status polls).
+  uint8_t buf[4];
+  struct Row {
+    uint32_t channel, flag2, dummy;
+    int32_t rc;
+    uint32_t ctrl, delay;
+  };
+  for (const Row &r : {Row{2, 1, 8, 0, 0x40300, 1}, Row{2, 1, 9, 0, 0x40300, 1 + 2 * 1 * 2},
+                       Row{2, 0, 8, 0, 0x50300, 1 + 2 * 4 * 2}, Row{2, 1, 7, -1, 0x40300, 1},
+                       Row{2, 0, 3, -1, 0x50300, 1}, Row{4, 1, 8, 0, 0x80300, 1}, Row{4, 0, 3, 0, 0xA0300, 1 + 2 * 1 * 2},
+                       Row{4, 0, 1, -1, 0xA0300, 1}, Row{4, 1, 7, -1, 0x80300, 1}}) {
+    spi_flash_cfg.channel = r.channel;
+    spi_flash_cfg.quadFlag2 = (uint8_t)r.flag2;
+    spi_flash_cfg.dummyCycles = r.dummy;
+    spi_flash_cfg.divisor = 2;
+    spi_flash_cfg.sysDelay = 1;
+    EXPECT_EQ(spi_flash_read(0x500, buf, 4), r.rc) << r.channel << r.flag2 << r.dummy;
+    EXPECT_EQ(sim::chip_read(SPIC_CTRL), r.ctrl) << r.channel << r.flag2 << r.dummy;
+    EXPECT_EQ(sim::chip_read(SPIC_DELAY), r.delay) << r.channel << r.flag2 << r.dummy;
+  }
   spi_flash_cfg.channel = 3;
-  EXPECT_EQ(spi_flash_read(0x500, buf.data(), 4), -1);
-  EXPECT_EQ(spi_flash_program(0x500, buf.data(), 4), -1);
+  EXPECT_EQ(spi_flash_read(0x500, buf, 4), -1);
+  EXPECT_EQ(spi_flash_program(0x500, data.data(), 4), -1);
 }
 
-TEST(SpiFlashLayer, CalibrationWritesThePatternOnceAndCentresTheWindow) {
-  FlashBoard board({{"FLASH_DLY_MIN", "4"}, {"FLASH_DLY_MAX", "9"}, {"FLASH_WIP_MS", "0"}});
-  ASSERT_EQ(spi_flash_calibrate(), 0);
-  EXPECT_EQ(spi_flash_cfg.sysDelay, 6u);
-  EXPECT_EQ(spi_flash_cfg.skipWip, 1);
-  std::string img = board.image();
-  EXPECT_EQ(img.substr(0x40010, 16), std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
-  EXPECT_EQ(img.substr(0x40000, 16), std::string(16, '\xFF'));
-
-  // With the pattern in place a second run finds the same delay without writing anything.
-  // (a byte that an erase of the pattern's sector would lose)
-  spi_flash_cfg.sysDelay = 15;
-  uint8_t zero = 0;
-  spi_flash_cfg.skipWip = 0;
-  ASSERT_EQ(spi_flash_program(0x40000, &zero, 1), 0);
-  ASSERT_EQ(spi_flash_calibrate(), 0);
-  EXPECT_EQ(spi_flash_cfg.sysDelay, 6u);
-  EXPECT_EQ(board.image()[0x40000], '\0');
-}
-
-TEST(SpiFlashLayer, CalibrationFailsAndRestoresWhenNoDelayWorks) {
+TEST(SpiFlashLayer, FailedCalibrationRestoresTheDelayAndTheSampleControl) {
   FlashBoard board({{"FLASH_DLY_MIN", "40"}, {"FLASH_DLY_MAX", "50"}, {"FLASH_WIP_MS", "0"}});
   sim::chip_write(SPIF_CPU_SAMPLE, 0x5A);
   spi_flash_cfg.sysDelay = 21;
@@ -251,12 +223,7 @@ TEST(SpiFlashLayer, RequestedSettingsThenQuadCalibrationAndReads) {
   spi_flash_cfg.reqClock = 50;
   spi_flash_cfg.reqChannel = 4;
   ASSERT_EQ(spi_flash_apply_settings(), 0);
-  EXPECT_EQ(spi_flash_cfg.channel, 4u);
-  EXPECT_EQ(spi_flash_cfg.clock, 50u);
-  EXPECT_EQ(spi_flash_cfg.divisor, 2u);
-  EXPECT_EQ(spi_flash_cfg.rdOpcode, 0x6B);
-  EXPECT_EQ(spi_flash_cfg.pgOpcode, 0x32);
-  EXPECT_EQ(spi_flash_cfg.dummyCycles, 8u);
+  EXPECT_EQ(settings(), "ch=4 clk=50 div=2 dly=15 pg=32 rd=6b dummy=8/ff quad=1,1 further=1");
   EXPECT_EQ(sim::chip_read(SPIF_CLOCK_SOURCE) & 3, 1u);
   EXPECT_EQ(sim::chip_read(SPIC_DIV), 2u);
   uint32_t mhz = 0;
@@ -295,18 +262,10 @@ TEST(SpiFlashLayer, ControllerInitialisationFromBootStrapAndParameterBlock) {
   sim::chip_write(SPIF_PARAM_SELECT, 1);
 
   ASSERT_EQ(spi_flash_controller_init(), 0);
-  EXPECT_EQ(spi_flash_cfg.sysDelay, 12u);
-  EXPECT_EQ(spi_flash_cfg.channel, 2u);
-  EXPECT_EQ(spi_flash_cfg.divisor, 4u);
+  // Clock 200 / (2 x 4); dual read opcode by default, its dummy cycles by opcode (15).
+  EXPECT_EQ(settings(), "ch=2 clk=25 div=4 dly=12 pg=2 rd=3b dummy=8/a5 quad=1,1 further=0");
   EXPECT_EQ(sim::chip_read(SPIC_DIV), 4u);
   EXPECT_EQ(sim::chip_read(SPIC_DIV2), 4u);
-  EXPECT_EQ(spi_flash_cfg.clock, 25u);   // 200 / (2 x 4)
-  EXPECT_EQ(spi_flash_cfg.rdOpcode, 0x3B);
-  EXPECT_EQ(spi_flash_cfg.dummyCycles, 8u);
-  EXPECT_EQ(spi_flash_cfg.pgOpcode, 0x02);
-  EXPECT_EQ(spi_flash_cfg.dummyByte, 0xA5);
-  EXPECT_EQ(spi_flash_cfg.quadFlag1, 1);
-  EXPECT_EQ(spi_flash_cfg.quadFlag2, 1);
   EXPECT_EQ(sim::chip_read(PAGE_REG_ADDR & 0xFFFFFF) & 0xFF, PAGE_SWCORE);
 
   // The dual read it set up returns the block itself.
@@ -317,16 +276,13 @@ TEST(SpiFlashLayer, ControllerInitialisationFromBootStrapAndParameterBlock) {
   std::vector<uint8_t> nosig = {0x00};
   ASSERT_EQ(spi_flash_program(base + 0x0D, nosig.data(), 1), 0);
   ASSERT_EQ(spi_flash_controller_init(), 0);
-  EXPECT_EQ(spi_flash_cfg.channel, 1u);
-  EXPECT_EQ(spi_flash_cfg.rdOpcode, 0x03);
-  EXPECT_EQ(spi_flash_cfg.dummyCycles, 0u);
+  EXPECT_EQ(settings(), "ch=1 clk=25 div=4 dly=12 pg=2 rd=3 dummy=0/ff quad=1,1 further=0");
 
   // Any other boot mode: the defaults.
   sim::chip_write(SPIF_BOOT_STRAP, 0);
   spi_flash_cfg.sysDelay = 3;
   ASSERT_EQ(spi_flash_controller_init(), 0);
-  EXPECT_EQ(spi_flash_cfg.sysDelay, 15u);
-  EXPECT_EQ(spi_flash_cfg.divisor, 8u);
+  EXPECT_EQ(settings(), "ch=1 clk=12 div=8 dly=15 pg=2 rd=3 dummy=0/ff quad=1,1 further=1");
 }
 
 }  // namespace
