@@ -62,6 +62,7 @@ class Progress {
                  kWidth - fill, "", pct);
     std::fflush(stderr);
   }
+  bool shown() const { return on_; }
   void finish() {
     if (on_ && last_ >= 0) std::fputc('\n', stderr);
     on_ = false;
@@ -80,6 +81,13 @@ struct FileCloser {
     if (f) std::fclose(f);
   }
 };
+
+// Opens a file named on the command line for binary reading; says so when it cannot.
+FILE *open_image(const char *file) {
+  FILE *f = file ? std::fopen(file, "rb") : nullptr;
+  if (!f) printf("FILE %s open fail!\n", file ? file : "");
+  return f;
+}
 
 // Files named on the command line must be readable before anything is done with them.
 bool file_accessible(const char *file) {
@@ -105,18 +113,19 @@ void print_file_info(const char *file) {
 }
 
 // Compares the file from its current position with the flash from flashAddr, 256 bytes at
-// a time, for at most `limit` bytes; goes on while a whole chunk of at least 16 bytes came
-// from the file. `detail` adds the first differing byte to the mismatch report.
-int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, bool detail, const char *what) {
+// a time, for at most `limit` bytes; goes on while a chunk of at least 16 bytes came from
+// the file. `total` only sizes the progress display. `detail` adds the first differing
+// byte to the mismatch report.
+int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, uint64_t total, bool detail) {
   std::array<uint8_t, 256> fileBuf{}, flashBuf{};
   uint64_t compared = 0;
-  Progress progress(what, limit == UINT64_MAX ? 0 : limit);
+  Progress progress("verify", total);
   size_t n = 0;
   do {
     uint64_t left = limit - compared;
     size_t want = left < fileBuf.size() ? (size_t)left : fileBuf.size();
     n = want ? std::fread(fileBuf.data(), 1, want, f) : 0;
-    if (n && spi_flash_read(flashAddr, flashBuf.data(), (uint32_t)n) != 0) return -1;
+    if (spi_flash_read(flashAddr, flashBuf.data(), (uint32_t)n) != 0) return -1;
     if (std::memcmp(fileBuf.data(), flashBuf.data(), n) != 0) {
       progress.finish();
       printf("Image not match between 0x%06x ~ 0x%06x !\n", flashAddr, (uint32_t)(flashAddr + n));
@@ -215,11 +224,13 @@ Outcome sub_erase(void **argv) {
   const bool sector = k == "sector";
   if (!sector && k != "block") return {-2};
   const uint32_t first = next_u32(argv), last = next_u32(argv);
-  // Numbers past the 24-bit flash address space would only wrap around: stop there.
-  const uint64_t top = sector ? 0xFFF : 0xFF;
+  const uint32_t shift = sector ? 12 : 16;
+  // The flash sees 24 address bits: one pass over them erases everything a longer range
+  // would, so the count is bounded there (a range up to 0xFFFFFFFF must still end).
+  const uint64_t most = 1u << (24 - shift);
   int32_t rc = 0;
-  for (uint64_t n = first; n <= last && n <= top; ++n)
-    rc = erase_one((uint32_t)n << (sector ? 12 : 16), sector ? SPIF_ERASE_SECTOR : SPIF_ERASE_BLOCK);
+  for (uint64_t n = first; n <= last && n - first < most; ++n)
+    rc = erase_one((uint32_t)(n << shift), sector ? SPIF_ERASE_SECTOR : SPIF_ERASE_BLOCK);
   return {rc};
 }
 
@@ -313,14 +324,17 @@ Outcome sub_dumptobin(void **argv) {
   if (len > kDumpMax) return {-1};
   std::vector<uint8_t> buf(len);
   {
+    // One read of the whole range; in pieces only while a progress bar is shown.
     Progress progress("dump", len);
-    constexpr uint32_t kStep = 0x4000;
-    for (uint32_t done = 0; done < len; done += kStep) {
-      uint32_t n = len - done < kStep ? len - done : kStep;
+    const uint32_t step = progress.shown() ? 0x4000 : len;
+    uint32_t done = 0;
+    do {
+      uint32_t n = len - done < step ? len - done : step;
       int32_t rc = spi_flash_read(start + done, buf.data() + done, n);
       if (rc != 0) return {rc};
-      progress.update(done + n);
-    }
+      done += n;
+      progress.update(done);
+    } while (done < len);
   }
   if (len && std::fwrite(buf.data(), 1, len, f) != len) return {-1};
   return {0};
@@ -328,29 +342,22 @@ Outcome sub_dumptobin(void **argv) {
 
 Outcome sub_verify(void **argv) {
   const char *file = cmd_nextStr(argv);
-  FILE *f = file ? std::fopen(file, "rb") : nullptr;
-  if (!f) {
-    printf("FILE %s open fail!\n", file ? file : "");
-    return {-1};
-  }
+  FILE *f = open_image(file);
+  if (!f) return {-1};
   FileCloser closer{f};
   struct stat st{};
   uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
-  // The length only drives the progress display; the comparison ends with the file.
-  return {compare_image(f, 0, size ? size : UINT64_MAX, false, "verify")};
+  return {compare_image(f, 0, UINT64_MAX, size, false)};
 }
 
 Outcome sub_verifywithbase(void **argv) {
   const char *file = cmd_nextStr(argv);
   uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
-  FILE *f = file ? std::fopen(file, "rb") : nullptr;
-  if (!f) {
-    printf("FILE %s open fail!\n", file ? file : "");
-    return {-1};
-  }
+  FILE *f = open_image(file);
+  if (!f) return {-1};
   FileCloser closer{f};
   if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
-  return {compare_image(f, flashStart, len, false, "verify")};
+  return {compare_image(f, flashStart, len, len, false)};
 }
 
 // Makes the flash writable before the configuration area is rewritten.
@@ -361,11 +368,8 @@ Outcome sub_updatecfg(void **argv) {
   prepare_flash();
   spi_flash_erase(kCfgOffset, SPIF_ERASE_SECTOR);
   spi_flash_erase(kCfgOffset + 0x1000, SPIF_ERASE_SECTOR);
-  FILE *f = file ? std::fopen(file, "rb") : nullptr;
-  if (!f) {
-    printf("FILE %s open fail!\n", file ? file : "");
-    return {-1};
-  }
+  FILE *f = open_image(file);
+  if (!f) return {-1};
   FileCloser closer{f};
   std::fseek(f, kCfgOffset, SEEK_SET);
   // With the configuration window open the controller's flash address 0 is the start of
@@ -422,28 +426,30 @@ int32_t erase_for_image(uint64_t size) {
   return 0;
 }
 
+// Before an image is programmed: the requested clock and channel, then calibration. On
+// failure the handler ends at once, back on the switch core page, without giving the
+// flash back.
+bool prepare_for_image(void) {
+  if (spi_flash_apply_settings() == 0) {
+    printf("g_SpiCH=%d, spic_clk=%d\n", (int)cfg.channel, (int)cfg.clock);
+    if (spi_flash_calibrate() == 0) {
+      // Calibration leaves the status polls off; programming waits for every page again.
+      cfg.skipWip = 0;
+      return true;
+    }
+  }
+  spi_flash_page(PAGE_SWCORE);
+  return false;
+}
+
 Outcome sub_update(void **argv) {
   const char *file = cmd_nextStr(argv);
   if (!file_accessible(file)) return {-1};
   print_file_info(file);
-  if (spi_flash_apply_settings() != 0) {
-    spi_flash_page(PAGE_SWCORE);
-    return {-1, true};
-  }
-  printf("g_SpiCH=%d, spic_clk=%d\n", (int)cfg.channel, (int)cfg.clock);
-  if (spi_flash_calibrate() != 0) {
-    puts("SPIC  Calibration FAILED");
-    spi_flash_page(PAGE_SWCORE);
-    return {-1, true};
-  }
-  // Calibration leaves the status polls off; programming waits for every page again.
-  cfg.skipWip = 0;
+  if (!prepare_for_image()) return {-1, true};
 
-  FILE *f = std::fopen(file, "rb");
-  if (!f) {
-    printf("FILE %s open fail!\n", file);
-    return {-1};
-  }
+  FILE *f = open_image(file);
+  if (!f) return {-1};
   FileCloser closer{f};
   struct stat st{};
   const uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
@@ -459,7 +465,7 @@ Outcome sub_update(void **argv) {
   printf("Image Length %d\n", (int)done);
   if (rc != 0) return {rc};
   std::rewind(f);
-  return {compare_image(f, 0, done, true, "verify")};
+  return {compare_image(f, 0, done, done, true)};
 }
 
 Outcome sub_pgwithbase(void **argv) {
@@ -471,11 +477,8 @@ Outcome sub_pgwithbase(void **argv) {
     printf("Range 0x%x + 0x%x is past the flash address space\n", flashStart, len);
     return {-1};
   }
-  FILE *f = std::fopen(file, "rb");
-  if (!f) {
-    printf("FILE %s open fail!\n", file);
-    return {-1};
-  }
+  FILE *f = open_image(file);
+  if (!f) return {-1};
   FileCloser closer{f};
   if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
   uint64_t done = 0;
@@ -484,7 +487,7 @@ Outcome sub_pgwithbase(void **argv) {
   if (rc != 0) return {rc};
   // Programming only clears bits: a range that was not erased shows up here.
   std::fseek(f, fileStart, SEEK_SET);
-  return {compare_image(f, flashStart, done, true, "verify")};
+  return {compare_image(f, flashStart, done, done, true)};
 }
 
 Outcome not_supported(const char *word) {
@@ -496,6 +499,7 @@ Outcome sub_auto(void **) { return not_supported("auto"); }
 
 Outcome sub_pg0861flash(void **argv) {
   if (!file_accessible(cmd_nextStr(argv))) return {-1};
+  if (!prepare_for_image()) return {-1, true};
   return not_supported("pg0861flash");
 }
 

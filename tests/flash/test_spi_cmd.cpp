@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <initializer_list>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,17 +61,10 @@ std::string pattern(size_t n, unsigned seed) {
 
 // Erase messages carry a source line number; tests compare them without it.
 std::string norm(const std::string &text) {
-  const std::string tag = "[spi_flash_erase-";
-  std::string out;
-  size_t from = 0;
-  for (size_t at = text.find(tag); at != std::string::npos; at = text.find(tag, from)) {
-    size_t end = text.find(']', at);
-    if (end == std::string::npos) break;
-    out.append(text, from, at - from).append(tag).append("N");
-    from = end;
-  }
-  return out.append(text, from, std::string::npos);
+  static const std::regex kLine(R"(\[spi_flash_erase-[0-9]+\])");
+  return std::regex_replace(text, kLine, "[spi_flash_erase-N]");
 }
+std::string info(const std::string &what) { return "[spi_flash_erase-N]-info-: " + what + "\n"; }
 
 size_t count(const std::string &text, const std::string &what) {
   size_t n = 0;
@@ -78,29 +72,65 @@ size_t count(const std::string &text, const std::string &what) {
   return n;
 }
 
-TEST(SpiCommand, WriteByteOrderPageSplitAndReadLayout) {
+// One session, line by line: each command's own output, then the closing line.
+TEST(SpiCommand, SubcommandsLineByLine) {
   Bench b;
-  std::string out = b.run(
-      "spi write 0xFF 0x11223344 4\n"
-      "spi write 0x200 0x11223344 2\n"
-      "spi read 0xF8 12\n"
-      "spi read 0x200 3\n"
-      "spi write 0x300 1 5\n");
-  EXPECT_EQ(out, kOk + kOk +
-                     "\nRead SPI Flash: \n0000f8: ff ff ff ff ff ff ff 44 33 22 11 ff \n" + kOk +
-                     "\nRead SPI Flash: \n000200: 44 33 ff \n" + kOk +
-                     "length should not be more than 4 bytes!\n" + kOk);
+  const std::vector<std::pair<std::string, std::string>> steps = {
+      {"spi write 0xFF 0x11223344 4", ""},   // one byte at 0xFF, three at 0x100
+      {"spi write 0x200 0x11223344 2", ""},  // 0x44, then 0x33
+      {"spi read 0xF8 12", "\nRead SPI Flash: \n0000f8: ff ff ff ff ff ff ff 44 33 22 11 ff \n"},
+      {"spi read 0x200 3", "\nRead SPI Flash: \n000200: 44 33 ff \n"},
+      {"spi write 0x300 1 5", "length should not be more than 4 bytes!\n"},
+      {"spi read 0 2048", "length should not be bigger than 2048 bytes!\n"},
+      {"spi rdid", "manfacturer ID ef deviceID0 40 deviceID1 16\n"},
+      {"spi wrsr 1 0x9c", ""},
+      {"spi rdsr", "the status register = 0x9c\n"},
+      {"spi write 0x1010 0xA5 1", ""},   // clears the protection first
+      {"spi rdsr", "the status register = 0x0\n"},
+      {"spi wrsr 2 0 2", ""},
+      {"spi rdcr", "the control register1 = 0x2\n"},
+      {"spi wren", ""},
+      {"spi rdsr", "the status register = 0x2\n"},
+      {"spi wrdi", ""},
+      {"spi rdsr", "the status register = 0x0\n"},
+      {"spi wrsr 1 0x0c", ""},
+      {"spi read 0x1010 1", "\nRead SPI Flash: \n001010: a5 \n"},   // so does a read
+      {"spi rdsr", "the status register = 0x0\n"},
+      {"spi wrsr 1 0x0c", ""},
+      {"spi erase sector 1 1", info("Sector Erase 1")},   // and each erase
+      {"spi read 0x1010 1", "\nRead SPI Flash: \n001010: ff \n"},
+      {"spi setspd 25", "please set 12, 33, 50, 75, 100\n"},
+      {"spi setch 3", "please set 1, 2, 4\n"},
+      {"spi setspd 50", ""},
+      {"spi setch 2", ""},
+      // Requested settings wait for an update; every invocation starts the controller
+      // afresh (the board boots in mode 0), which also brings the sample delay back to 15.
+      {"spi getch", "SPIC channel = 1\n"},
+      {"spi getspd", "SPIC clock = 12\n"},
+      {"spi setsysdly 0x123", ""},
+      {"spi getsysdly", "spi_sysDelay = 15\n"},
+      {"spi auto", "spi auto: not supported\n"},
+      {"spi verify nofile.bin", "FILE nofile.bin open fail!\n"},
+      {"spi update missing.bin", "Failed to access file: -1\r\n"},
+      {"spi pgwithbase missing.bin 0 0 1", "Failed to access file: -1\r\n"},
+      {"spi pg0861flash2 missing.bin x 1", "Failed to access file: -1\r\n"},
+      {"spi dumptobin 0 0x100001", ""},
+  };
+  std::string input, expected;
+  for (const auto &[line, text] : steps) {
+    input += line + "\n";
+    expected += text + kOk;
+  }
+  EXPECT_EQ(norm(b.run(input)), expected);
   std::string img = b.flash();
   ASSERT_EQ(img.size(), 4u << 20);
   EXPECT_EQ(img.substr(0xFF, 5), std::string("\x44\x33\x22\x11\xFF", 5));
   EXPECT_EQ(img.substr(0x300, 1), "\xFF");
+  EXPECT_EQ(read_file(b.path("flash_copy.bin")), "");   // created before the length is refused
 
-  out = b.run("spi read 0 2048\nspi read 0x10 2047\n");
-  const std::string refused = "length should not be bigger than 2048 bytes!\n" + kOk;
-  ASSERT_EQ(out.substr(0, refused.size()), refused);
-  std::string dump = out.substr(refused.size());
+  std::string dump = b.run("spi read 0x10 2047\n");
   EXPECT_EQ(dump.rfind("\nRead SPI Flash: \n000010: ", 0), 0u);
-  EXPECT_EQ(count(dump, "\n0"), 128u);                        // 127 lines of 16, one of 15
+  EXPECT_EQ(count(dump, "\n0"), 128u);        // 127 lines of 16, one of 15
   EXPECT_EQ(count(dump, "ff "), 2047u - 6);   // 0xFF-0x102 and 0x200-0x201 were written
   EXPECT_NE(dump.find("\n0000f0: ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff 44 \n"), std::string::npos);
   EXPECT_NE(dump.find("\n000800: ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff \n" + kOk), std::string::npos);
@@ -114,65 +144,21 @@ TEST(SpiCommand, EraseRangesAndChipErase) {
   EXPECT_EQ(b.flash().substr(0x2000, 1), std::string(1, '\0'));
 
   out = b.run("spi erase sector 2 3\nspi erase block 1 1\n");
-  EXPECT_EQ(count(out, "]-info-: Sector Erase 2\n"), 1u) << out;
-  EXPECT_EQ(count(out, "]-info-: Sector Erase 3\n"), 1u) << out;
-  EXPECT_EQ(count(out, "]-info-: Block64K Erase 1\n"), 1u) << out;
-  EXPECT_EQ(count(out, kOk), 2u);
+  EXPECT_EQ(norm(out), info("Sector Erase 2") + info("Sector Erase 3") + kOk + info("Block64K Erase 1") + kOk);
   std::string img = b.flash();
   EXPECT_EQ(img.substr(0x2000, 1), "\xFF");
   EXPECT_EQ(img.substr(0x3000, 1), "\xFF");
   EXPECT_EQ(img.substr(0x10000, 1), "\xFF");
   EXPECT_EQ(img.substr(0x20000, 1), std::string(1, '\0'));
 
+  // Numbers are shifted into 32 bits and the flash sees 24 of them: sector 4096 is sector 0.
+  out = b.run("spi write 0 0 1\nspi erase sector 4095 4096\n");
+  EXPECT_EQ(norm(out), kOk + info("Sector Erase 4095") + info("Sector Erase 4096") + kOk);
+  EXPECT_EQ(b.flash().substr(0, 1), "\xFF");
+
   out = b.run("spi erase all\n");
-  EXPECT_NE(out.find("]-info-: Chip Erase... ...\n" + kOk), std::string::npos) << out;
+  EXPECT_EQ(norm(out), info("Chip Erase... ...") + kOk);
   EXPECT_EQ(b.flash(), std::string(4u << 20, '\xFF'));
-}
-
-TEST(SpiCommand, StatusRegistersProtectionAndLatch) {
-  Bench b;
-  std::string out = b.run(
-      "spi rdid\n"
-      "spi wrsr 1 0x9c\n"
-      "spi rdsr\n"
-      "spi write 0x10 0xA5 1\n"
-      "spi rdsr\n"
-      "spi wrsr 2 0 2\n"
-      "spi rdcr\n"
-      "spi wren\n"
-      "spi rdsr\n"
-      "spi wrdi\n"
-      "spi rdsr\n"
-      "spi wrsr 1 0x0c\n"
-      "spi erase sector 0 0\n"
-      "spi read 0x10 1\n"
-      "spi rdsr\n");
-  EXPECT_EQ(norm(out), "manfacturer ID ef deviceID0 40 deviceID1 16\n" + kOk + kOk +
-                     "the status register = 0x9c\n" + kOk +
-                     kOk +   // the write clears the protection first
-                     "the status register = 0x0\n" + kOk + kOk + "the control register1 = 0x2\n" + kOk + kOk +
-                     "the status register = 0x2\n" + kOk + kOk + "the status register = 0x0\n" + kOk + kOk +
-                     "[spi_flash_erase-N]-info-: Sector Erase 0\n" + kOk + "\nRead SPI Flash: \n000010: ff \n" + kOk + "the status register = 0x0\n" + kOk);
-  EXPECT_EQ(b.flash().substr(0x10, 1), "\xFF");
-}
-
-TEST(SpiCommand, SettingsAndTheirRefusals) {
-  Bench b;
-  std::string out = b.run(
-      "spi setspd 25\n"
-      "spi setch 3\n"
-      "spi setspd 50\n"
-      "spi setch 2\n"
-      "spi getch\n"
-      "spi getspd\n"
-      "spi setsysdly 0x123\n"
-      "spi getsysdly\n"
-      "spi auto\n");
-  // Requested settings wait for an update; every invocation starts the controller afresh
-  // (the board boots in mode 0), which also brings the sample delay back to 15.
-  EXPECT_EQ(out, "please set 12, 33, 50, 75, 100\n" + kOk + "please set 1, 2, 4\n" + kOk + kOk + kOk +
-                     "SPIC channel = 1\n" + kOk + "SPIC clock = 12\n" + kOk + kOk + "spi_sysDelay = 15\n" + kOk +
-                     "spi auto: not supported\n" + kOk);
 }
 
 TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
@@ -186,10 +172,6 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   EXPECT_NE(out.find("File:img.bin\tSize:70077 Bytes\r\nLast modified time:"), std::string::npos) << out;
   EXPECT_NE(out.find("\r\nlast access time:"), std::string::npos);
   EXPECT_NE(out.find("\r\nlast status change time:"), std::string::npos);
-  EXPECT_NE(out.find("g_SpiCH=1, spic_clk=12\n"), std::string::npos);
-  EXPECT_NE(out.find("Block64K Erase 0\n"), std::string::npos);
-  EXPECT_NE(out.find("Sector Erase 17\n"), std::string::npos);
-  EXPECT_EQ(out.find("Sector Erase 18\n"), std::string::npos);
   EXPECT_NE(out.find("Image Length 70077\nMatched: Compare Image Length 70077\n" + kOk), std::string::npos) << out;
   std::string img = b.flash();
   EXPECT_EQ(img.substr(0, image.size()), image);
@@ -203,20 +185,16 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
       "spi verify bad.bin\n"
       "spi verifywithbase img.bin 0x100 0x100 1000\n"
       "spi verifywithbase bad.bin 0x1000 0x1000 0x1000\n"
-      "spi verifywithbase img.bin 0 0x10 64\n"
-      "spi verify nofile.bin\n");
+      "spi verifywithbase img.bin 0 0x10 64\n");
   EXPECT_EQ(out, "Matched: Compare Image Length 70077\n" + kOk + "Image not match between 0x001200 ~ 0x001300 !\n" +
                      kOk + "Matched: Compare Image Length 1000\n" + kOk +
                      "Image not match between 0x001200 ~ 0x001300 !\n" + kOk +
-                     "Image not match between 0x000010 ~ 0x000050 !\n" + kOk + "FILE nofile.bin open fail!\n" + kOk);
+                     "Image not match between 0x000010 ~ 0x000050 !\n" + kOk);
 
   out = b.run("spi dumptobin 0x100 5000\n", {}, &err);
   EXPECT_EQ(out, kOk);
   EXPECT_EQ(err, "");
   EXPECT_EQ(read_file(b.path("flash_copy.bin")), image.substr(0x100, 5000));
-  out = b.run("spi dumptobin 0 0x100001\n");
-  EXPECT_EQ(out, kOk);
-  EXPECT_EQ(read_file(b.path("flash_copy.bin")), "");
 
   // Programming over data that was not erased shows in the check that follows.
   out = b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n");
@@ -232,9 +210,8 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   EXPECT_EQ(img.substr(0x2000, 16), std::string(16, '\xFF'));
   EXPECT_EQ(img.substr(0x2010 + 300, 1), "\xFF");
 
-  out = b.run("spi update missing.bin\nspi pgwithbase missing.bin 0 0 1\nspi pg0861flash img.bin 1 1\n");
-  EXPECT_EQ(out, "Failed to access file: -1\r\n" + kOk + "Failed to access file: -1\r\n" + kOk +
-                     "spi pg0861flash: not supported\n" + kOk);
+  out = b.run("spi pg0861flash img.bin 1 1\n");
+  EXPECT_EQ(out, "g_SpiCH=1, spic_clk=12\nspi pg0861flash: not supported\n" + kOk);
 }
 
 TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
@@ -251,8 +228,7 @@ TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
   expected += "Image Length 8448\n" + kOk;
   ASSERT_GE(out.size(), expected.size());
   EXPECT_EQ(out.substr(out.size() - expected.size()), expected);
-  EXPECT_EQ(count(out, "]-info-: Sector Erase 6\n"), 1u);
-  EXPECT_EQ(count(out, "]-info-: Sector Erase 7\n"), 1u);
+  EXPECT_EQ(norm(out).rfind(info("Sector Erase 6") + info("Sector Erase 7") + "\nupdate config complete: 01", 0), 0u);
   std::string img = b.flash();
   EXPECT_EQ(img.substr(0x6000, 0x2100), file.substr(0x6000, 0x2100));
   EXPECT_EQ(img.substr(0, 0x100), std::string(0x100, '\xFF'));   // nothing lands at flash 0
@@ -270,12 +246,14 @@ TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
   EXPECT_NE(out.find("006000: "), std::string::npos);
 }
 
-TEST(SpiCommand, CalibrationFindsADelayOrFailsAndUpdateStopsAtOnce) {
+TEST(SpiCommand, CalibrationFindsADelayOrFailsAndImageUpdatesStopAtOnce) {
   Bench b;
   std::string out = b.run("spi cal\nspi cal\n", {{"KIVTOOL_SIM_FLASH_DLY_MIN", "20"}, {"KIVTOOL_SIM_FLASH_DLY_MAX", "26"}});
-  // First run writes the pattern (erasing its sector), the second finds it in place.
-  EXPECT_EQ(count(out, "Sector Erase 64\n"), 1u) << out;
-  EXPECT_EQ(count(out, "spi_sysDelay = 23\n" + kOk), 2u) << out;
+  // First run writes the pattern (erasing its sector), the second finds it in place; both
+  // keep the middle of the working delays.
+  EXPECT_EQ(norm(out), info("Sector Erase 64") + "spi_sysDelay = 23\n" + kOk + "spi_sysDelay = 23\n" + kOk);
+  EXPECT_EQ(b.flash().substr(0x40000, 0x20),
+            std::string(16, '\xFF') + std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
 
   const std::vector<std::pair<std::string, std::string>> broken = {{"KIVTOOL_SIM_FLASH_DLY_MIN", "40"},
                                                                    {"KIVTOOL_SIM_FLASH_DLY_MAX", "50"}};
@@ -283,19 +261,16 @@ TEST(SpiCommand, CalibrationFindsADelayOrFailsAndUpdateStopsAtOnce) {
   EXPECT_NE(out.find("SPIC  Calibration FAILED\n" + kOk), std::string::npos) << out;
 
   b.put("img.bin", pattern(600, 4));
-  out = b.run("spi update img.bin\nspi rdid\n", broken);
-  // The update returns at once: no closing line, no release (the next command still gets in).
-  EXPECT_NE(out.find("SPIC  Calibration FAILED\nErrno : -1\nmanfacturer ID ef"), std::string::npos) << out;
+  out = b.run("spi update img.bin\nspi pg0861flash img.bin 1 1\nspi rdid\n", broken);
+  // Both return at once, without a word of their own: no closing line, no release (the
+  // next command still gets in).
+  const std::string failed = "g_SpiCH=1, spic_clk=12\n" + info("Sector Erase 64") + "Errno : -1\n";
+  EXPECT_NE(norm(out).find(failed + failed + "manfacturer ID ef"), std::string::npos) << out;
   EXPECT_EQ(out.find("Image Length"), std::string::npos);
-}
 
-TEST(SpiCommand, FlashHeldByAnotherMaster) {
-  Bench b;
-  b.put("img.bin", pattern(64, 6));
-  // An update that fails calibration returns without giving the flash back.
-  b.run("spi update img.bin\n", {{"KIVTOOL_SIM_FLASH_DLY_MIN", "40"}, {"KIVTOOL_SIM_FLASH_DLY_MAX", "50"}});
+  // Our request is still set: with the other master holding the flash nothing runs.
   std::string err;
-  std::string out = b.run("spi rdid\n", {{"KIVTOOL_SIM_FLASH_OWNED", "1"}}, &err);
+  out = b.run("spi rdid\n", {{"KIVTOOL_SIM_FLASH_OWNED", "1"}}, &err);
   EXPECT_EQ(out, kOk);
   EXPECT_NE(err.find("could not own the flash (code -11)"), std::string::npos) << err;
   // Once the other master lets go, the flash is ours again.
@@ -316,19 +291,16 @@ TEST(SpiCommand, AdapterLostHalfwayThroughAnUpdate) {
   EXPECT_NE(out.find("SPI Flash CMD Over\nErrno : 8\n"), std::string::npos) << out;
 }
 
-// Runs one command with stdout on a pipe and stderr on a pseudo-terminal.
+// Runs one command with stderr on a pseudo-terminal and stdout in a file; gives up after
+// 20 s of silence.
 ToolResult run_with_terminal_stderr(const std::string &cwd, const std::vector<std::string> &args) {
   ToolResult res;
-  int master = -1, slave = -1, out[2];
-  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0 || pipe(out) != 0) return res;
-  pid_t pid = fork();
+  int master = -1;
+  pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
   if (pid == 0) {
-    int nul = open("/dev/null", O_RDONLY);
-    dup2(nul, 0);
-    dup2(out[1], 1);
-    dup2(slave, 2);
-    for (int fd : {nul, out[0], out[1], slave, master}) close(fd);
     if (chdir(cwd.c_str()) != 0) _exit(126);
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
     setenv("KIVTOOL_SIM", (cwd + "/sim").c_str(), 1);
     std::vector<char *> argv = {const_cast<char *>(KIVTOOL_PATH)};
     for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
@@ -336,33 +308,18 @@ ToolResult run_with_terminal_stderr(const std::string &cwd, const std::vector<st
     execv(KIVTOOL_PATH, argv.data());
     _exit(127);
   }
-  close(slave);
-  close(out[1]);
-  std::array<char, 4096> buf;
-  bool outOpen = true, errOpen = true;
-  while (outOpen || errOpen) {
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {master, POLLIN, 0}};
-    if (poll(fds, 2, 20000) <= 0) {
-      res.timedOut = true;
-      kill(pid, SIGKILL);
-      break;
-    }
-    if (outOpen && fds[0].revents) {
-      ssize_t n = read(out[0], buf.data(), buf.size());
-      if (n > 0) res.out.append(buf.data(), (size_t)n);
-      else outOpen = false;
-    }
-    if (errOpen && fds[1].revents) {
-      ssize_t n = read(master, buf.data(), buf.size());   // EIO once the child is gone
-      if (n > 0) res.err.append(buf.data(), (size_t)n);
-      else errOpen = false;
-    }
-  }
-  close(out[0]);
+  if (pid < 0) return res;
+  pollfd fd = {master, POLLIN, 0};
+  char buf[4096];
+  ssize_t n = 0;
+  while ((res.timedOut = poll(&fd, 1, 20000) <= 0) == false && (n = read(master, buf, sizeof buf)) > 0)
+    res.err.append(buf, (size_t)n);   // read fails (EIO) once the tool is gone
+  if (res.timedOut) kill(pid, SIGKILL);
   close(master);
   int status = 0;
   waitpid(pid, &status, 0);
   res.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  res.out = read_file(cwd + "/stdout.txt");
   return res;
 }
 
