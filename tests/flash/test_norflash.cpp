@@ -10,126 +10,105 @@
 namespace {
 
 using sim::NorFlash;
+using Bytes = std::vector<uint8_t>;
 
 struct Nor {
-  std::vector<uint8_t> mem = std::vector<uint8_t>(NorFlash::kSize, 0xFF);
+  Bytes mem = Bytes(NorFlash::kSize, 0xFF);
   NorFlash f;
   Nor() {
     f.mem = mem.data();
     f.busyPolls = 0;
     f.busyMs = -1;
   }
-  std::vector<uint8_t> xfer(std::initializer_list<uint8_t> tx, size_t rxLen = 0, unsigned lines = 1) {
-    std::vector<uint8_t> t(tx), rx(rxLen);
-    f.transfer(t.data(), t.size(), rx.data(), rx.size(), lines);
+  Bytes xfer(Bytes tx, size_t rxLen = 0, unsigned lines = 1) {
+    Bytes rx(rxLen);
+    f.transfer(tx.data(), tx.size(), rx.data(), rx.size(), lines);
     return rx;
   }
-  void send(const std::vector<uint8_t> &t) { f.transfer(t.data(), t.size(), nullptr, 0, 1); }
   uint8_t status() { return xfer({0x05}, 1)[0]; }
-  void program(uint32_t a, std::vector<uint8_t> data, bool wren = true) {
+  // An addressed opcode, with the write-enable latch set first when `wren`.
+  void op(uint8_t code, uint32_t a, Bytes data = {}, bool wren = true) {
     if (wren) xfer({0x06});
-    std::vector<uint8_t> t = {0x02, (uint8_t)(a >> 16), (uint8_t)(a >> 8), (uint8_t)a};
+    Bytes t = {code, (uint8_t)(a >> 16), (uint8_t)(a >> 8), (uint8_t)a};
     t.insert(t.end(), data.begin(), data.end());
-    send(t);
+    xfer(t);
   }
-  void erase(uint8_t op, uint32_t a) {
-    xfer({0x06});
-    xfer({op, (uint8_t)(a >> 16), (uint8_t)(a >> 8), (uint8_t)a});
-  }
-  std::vector<uint8_t> read(uint32_t a, size_t n, uint8_t op = 0x03, unsigned lines = 1) {
-    return xfer({op, (uint8_t)(a >> 16), (uint8_t)(a >> 8), (uint8_t)a}, n, lines);
+  Bytes read(uint32_t a, size_t n, uint8_t code = 0x03, unsigned lines = 1) {
+    return xfer({code, (uint8_t)(a >> 16), (uint8_t)(a >> 8), (uint8_t)a}, n, lines);
   }
 };
 
-TEST(NorFlash, IdStatusAndLatchRules) {
+TEST(NorFlash, IdLatchAndProtectionRules) {
   Nor n;
-  EXPECT_EQ(n.xfer({0x9F}, 3), (std::vector<uint8_t>{0xEF, 0x40, 0x16}));
+  EXPECT_EQ(n.xfer({0x9F}, 3), (Bytes{0xEF, 0x40, 0x16}));
   EXPECT_EQ(n.status(), 0x00);
 
   // Without the latch a program changes nothing; with it the program lands and drops it.
-  n.program(0x100, {0x12}, false);
+  n.op(0x02, 0x100, {0x12}, false);
   EXPECT_EQ(n.mem[0x100], 0xFF);
   n.xfer({0x06});
-  EXPECT_EQ(n.status(), NorFlash::kWel);
   EXPECT_EQ(n.read(0, 4).size(), 4u);   // reads leave the latch alone
   EXPECT_EQ(n.status(), NorFlash::kWel);
-  n.program(0x100, {0x12}, false);
+  n.op(0x02, 0x100, {0x12}, false);
   EXPECT_EQ(n.mem[0x100], 0x12);
   EXPECT_EQ(n.status(), 0x00);
 
-  // Write disable drops the latch; a status write needs it too.
+  // Write disable drops the latch; a status write needs it too and keeps no WIP/WEL bits.
   n.xfer({0x06});
   n.xfer({0x04});
-  EXPECT_EQ(n.status(), 0x00);
   n.xfer({0x01, 0x1C});
   EXPECT_EQ(n.status(), 0x00);
   n.xfer({0x06});
-  n.xfer({0x01, 0x1C | NorFlash::kWip | NorFlash::kWel, 0x02});   // WIP/WEL bits are not stored
-  EXPECT_EQ(n.status(), 0x1C);
+  n.xfer({0x01, 0x80 | NorFlash::kWip | NorFlash::kWel, 0x02});
+  EXPECT_EQ(n.status(), 0x80);   // a single protection bit protects the whole chip
   EXPECT_EQ(n.xfer({0x35}, 1)[0], 0x02);
+
+  // Protected: program and erases are refused but still use up the latch.
+  n.mem[5] = 0x55;
+  n.op(0x02, 0, {0x00});
+  n.op(0x20, 0);
+  n.op(0xD8, 0);
+  n.xfer({0x06});
+  n.xfer({0xC7});
+  EXPECT_EQ(n.mem[0], 0xFF);
+  EXPECT_EQ(n.mem[5], 0x55);
+  EXPECT_EQ(n.status() & NorFlash::kWel, 0);
+  n.xfer({0x06});
+  n.xfer({0x01, 0x00});
+  n.op(0x02, 0, {0x00});
+  EXPECT_EQ(n.mem[0], 0x00);
 }
 
-TEST(NorFlash, ProgramClearsBitsOnlyAndWrapsInsideItsPage) {
+TEST(NorFlash, ProgramClearsBitsWrapsInItsPageAndErasesByGranule) {
   Nor n;
-  n.program(0x1000, {0x0F});
-  n.program(0x1000, {0xF0});
+  n.op(0x02, 0x1000, {0x0F});
+  n.op(0x02, 0x1000, {0xF0, 0xFF});
   EXPECT_EQ(n.mem[0x1000], 0x00);
-  n.program(0x1001, {0xFF});
   EXPECT_EQ(n.mem[0x1001], 0xFF);
-
-  n.program(0x20FC, {1, 2, 3, 4, 5, 6});
-  EXPECT_EQ(n.read(0x20FC, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
-  EXPECT_EQ(n.read(0x2000, 3), (std::vector<uint8_t>{5, 6, 0xFF}));
+  n.op(0x02, 0x20FC, {1, 2, 3, 4, 5, 6});
+  EXPECT_EQ(n.read(0x20FC, 4), (Bytes{1, 2, 3, 4}));
+  EXPECT_EQ(n.read(0x2000, 3), (Bytes{5, 6, 0xFF}));
   EXPECT_EQ(n.mem[0x2100], 0xFF);   // never into the next page
   // A read runs on across pages and wraps at the end of the chip.
-  n.program(NorFlash::kSize - 1, {0xAB});
-  n.program(0, {0xCD});
-  EXPECT_EQ(n.read(NorFlash::kSize - 1, 2), (std::vector<uint8_t>{0xAB, 0xCD}));
-}
+  n.op(0x02, NorFlash::kSize - 1, {0xAB});
+  n.op(0x02, 0, {0xCD});
+  EXPECT_EQ(n.read(NorFlash::kSize - 1, 2), (Bytes{0xAB, 0xCD}));
 
-TEST(NorFlash, EraseGranularity) {
-  Nor n;
   std::fill(n.mem.begin(), n.mem.end(), 0x00);
-  n.erase(0x20, 0x12345);   // inside sector 0x12000
-  EXPECT_EQ(n.mem[0x11FFF], 0x00);
-  EXPECT_EQ(n.mem[0x12000], 0xFF);
-  EXPECT_EQ(n.mem[0x12FFF], 0xFF);
-  EXPECT_EQ(n.mem[0x13000], 0x00);
-  n.erase(0xD8, 0x3FFFF);   // inside block 0x30000
-  EXPECT_EQ(n.mem[0x2FFFF], 0x00);
-  EXPECT_EQ(n.mem[0x30000], 0xFF);
-  EXPECT_EQ(n.mem[0x3FFFF], 0xFF);
-  EXPECT_EQ(n.mem[0x40000], 0x00);
+  n.op(0x20, 0x12345);   // inside sector 0x12000
+  n.op(0xD8, 0x3FFFF);   // inside block 0x30000
+  for (auto [addr, value] : {std::pair{0x11FFF, 0x00}, {0x12000, 0xFF}, {0x12FFF, 0xFF}, {0x13000, 0x00},
+                             {0x2FFFF, 0x00}, {0x30000, 0xFF}, {0x3FFFF, 0xFF}, {0x40000, 0x00}})
+    EXPECT_EQ(n.mem[addr], value) << std::hex << addr;
   n.xfer({0x06});
   n.xfer({0xC7});
   EXPECT_EQ(std::count(n.mem.begin(), n.mem.end(), 0xFF), (long)NorFlash::kSize);
 }
 
-TEST(NorFlash, ProtectionBlocksProgramAndEraseButNotStatusWrites) {
-  Nor n;
-  n.xfer({0x06});
-  n.xfer({0x01, 0x80});   // a single protection bit is enough
-  ASSERT_TRUE(n.f.is_protected());
-  n.program(0, {0x00});
-  n.erase(0x20, 0);
-  n.xfer({0x06});
-  n.xfer({0xC7});
-  n.mem[5] = 0x55;
-  n.erase(0xD8, 0);
-  EXPECT_EQ(n.mem[0], 0xFF);
-  EXPECT_EQ(n.mem[5], 0x55);
-  EXPECT_EQ(n.status() & NorFlash::kWel, 0);   // the refused command still used the latch
-  n.xfer({0x06});
-  n.xfer({0x01, 0x00});
-  EXPECT_FALSE(n.f.is_protected());
-  n.program(0, {0x00});
-  EXPECT_EQ(n.mem[0], 0x00);
-}
-
 TEST(NorFlash, BusyForAGivenNumberOfPollsIgnoringAllButStatus) {
   Nor n;
   n.f.busyPolls = 2;
-  n.program(0x10, {0xAA});
+  n.op(0x02, 0x10, {0xAA});
   EXPECT_EQ(n.status() & NorFlash::kWip, NorFlash::kWip);
   // While busy: no data, no latch, no program; configuration reads still answer.
   EXPECT_EQ(n.read(0x10, 1)[0], 0xFF);
@@ -141,20 +120,20 @@ TEST(NorFlash, BusyForAGivenNumberOfPollsIgnoringAllButStatus) {
 
   // Stuck: neither polls nor time end it.
   n.f.busyPolls = -1;
-  n.erase(0x20, 0);
+  n.op(0x20, 0);
   for (int i = 0; i < 100; ++i) ASSERT_EQ(n.status() & NorFlash::kWip, NorFlash::kWip);
   // Time alone ends an operation nobody polls.
   Nor t;
   t.f.busyPolls = -1;
   t.f.busyMs = 0;
-  t.program(0, {0x01});
+  t.op(0x02, 0, {0x01});
   EXPECT_EQ(t.status(), 0x00);
 }
 
-TEST(NorFlash, MultiLineReadsNeedMatchingLinesAndQuadEnable) {
+TEST(NorFlash, MultiLineReadsNeedMatchingLinesAndQuadEnableElseGarbage) {
   Nor n;
-  n.program(0x300, {0x11, 0x22, 0x33, 0x44});
-  const std::vector<uint8_t> good = {0x11, 0x22, 0x33, 0x44};
+  const Bytes good = {0x11, 0x22, 0x33, 0x44};
+  n.op(0x02, 0x300, good);
   EXPECT_EQ(n.read(0x300, 4, 0x0B, 1), good);
   EXPECT_EQ(n.read(0x300, 4, 0x3B, 2), good);
   EXPECT_NE(n.read(0x300, 4, 0x3B, 1), good);
@@ -163,10 +142,8 @@ TEST(NorFlash, MultiLineReadsNeedMatchingLinesAndQuadEnable) {
   n.xfer({0x01, 0x00, NorFlash::kQe});
   EXPECT_EQ(n.read(0x300, 4, 0x6B, 4), good);
   EXPECT_NE(n.read(0x300, 4, 0x6B, 2), good);
-}
 
-TEST(NorFlash, ScrambleNeverLeavesErasedBytesIntact) {
-  std::vector<uint8_t> ff(16, 0xFF);
+  Bytes ff(16, 0xFF);   // garbage never looks like an erased area
   sim::nor_scramble(ff.data(), ff.size());
   for (uint8_t b : ff) EXPECT_NE(b, 0xFF);
 }
