@@ -1,8 +1,11 @@
 # The fuzz targets (fuzz/fuzz_<name>.cpp), shared by the libFuzzer build and the replay
-# smoke tests of the ordinary build, with any extra link options a target needs.
-set(KIV_FUZZ_TARGETS checkers config grammar engine adapter)
+# smoke tests of the ordinary build, with any extra link options a target needs and the
+# number of mutations its smoke test replays (3000 unless said otherwise).
+set(KIV_FUZZ_TARGETS checkers config grammar engine adapter editor)
 
 # The adapter target runs the completion waits on a virtual clock of its own.
 set(KIV_FUZZ_LINK_adapter -Wl,--wrap=clock_gettime -Wl,--wrap=nanosleep)
 # The grammar target takes the parser's consistency checks that fire by design back.
 set(KIV_FUZZ_LINK_grammar -Wl,--wrap=_Z16kiv_assertFailedPKcS0_iS0_)
+# The editor reads every key with a system call of its own.
+set(KIV_FUZZ_REPLAY_editor 1000)
