@@ -20,7 +20,7 @@ while getopts n:t: opt; do
   esac
 done
 shift $((OPTIND - 1))
-targets=${*:-"checkers config grammar engine adapter"}
+targets=${*:-"checkers config grammar engine adapter editor"}
 
 mkdir -p "$build/artifacts" "$build/logs"
 status=0
@@ -31,11 +31,14 @@ for t in $targets; do
   mkdir -p "$corpus"
   dict=""
   [ -f "$here/dict/$t.dict" ] && dict="-dict=$here/dict/$t.dict"
+  # Key streams need little more than one full line (1022 characters) to reach every case.
+  maxlen=4096
+  [ "$t" = editor ] && maxlen=1200
   log=$build/logs/$t.log
   echo "== $t: $runs runs, log $log"
   # -timeout: one input may take at most this long (the engine target drives the simulated
   # board); -rss_limit_mb guards against runaway allocations.
-  if "$bin" -runs="$runs" -max_total_time="$secs" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
+  if "$bin" -runs="$runs" -max_total_time="$secs" -timeout=10 -rss_limit_mb=2048 -max_len="$maxlen" \
       -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" $dict \
       "$corpus" "$here/seeds/$t" >"$log" 2>&1; then
     grep -E '^(Done|stat::number_of_executed_units|stat::average_exec_per_sec|stat::peak_rss_mb)' "$log" || true
