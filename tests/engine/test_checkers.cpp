@@ -29,6 +29,7 @@ struct Check {
     std::memcpy(&v, value.data(), 4);
     return v;
   }
+  std::string bytes(size_t n) const { return std::string(reinterpret_cast<const char *>(value.data()), n); }
 };
 
 TEST(ParamTypes, TableAndLookup) {
@@ -48,12 +49,9 @@ TEST(ParamTypes, TableAndLookup) {
   EXPECT_EQ(kiv_findParamType(nullptr, "%"), nullptr);
 
   // A command's own table is searched first, and only as many rows as its flags say.
-  static const kiv_paramType_t own[] = {
-      {"%d", 2, kiv_checkDynCmdParam_Number, nullptr, "own number"},
-      {"%port", 4, kiv_checkDynCmdParam_Number, nullptr, "port"},
-  };
-  kiv_cmd_t cmd{"x", "", "", nullptr,
-                static_cast<kiv_uint16>(KIV_USECISCOCMDPARSER | KIV_PARAMTABLE_FLAGS(1)), 0, 0, 0, own};
+  static const kiv_paramType_t own[] = {{"%d", 2, kiv_checkDynCmdParam_Number, nullptr, "own number"},
+                                        {"%port", 4, kiv_checkDynCmdParam_Number, nullptr, "port"}};
+  kiv_cmd_t cmd{"x", "", "", nullptr, KIV_USECISCOCMDPARSER | KIV_PARAMTABLE_FLAGS(1), 0, 0, 0, own};
   EXPECT_EQ(kiv_findParamType(&cmd, "%d"), &own[0]);
   EXPECT_EQ(kiv_findParamType(&cmd, "%port"), nullptr);
   cmd.cmdFlags = static_cast<kiv_uint16>(KIV_USECISCOCMDPARSER | KIV_PARAMTABLE_FLAGS(2));
@@ -128,8 +126,7 @@ TEST(ParamTypes, IpAddress) {
 TEST(ParamTypes, NetworkAndMac) {
   Check c;
   ASSERT_EQ(c(kiv_checkDynCmdParam_Net, "192.168.1.0/24"), 5);
-  const kiv_uint8 net[5] = {192, 168, 1, 0, 0};   // the prefix byte is stored as 0
-  EXPECT_EQ(std::memcmp(c.value.data(), net, 5), 0);
+  EXPECT_EQ(c.bytes(5), std::string("\xc0\xa8\x01\x00\x00", 5));   // the prefix byte is stored as 0
   EXPECT_STREQ(c.token, "192.168.1.0");   // cut in place at '/'
   EXPECT_EQ(c(kiv_checkDynCmdParam_Net, "10.0.0.0/99"), 5);   // no upper bound on the prefix
   for (const char *bad : {"192.168.1.0", "/24", "1.2.3.4/2x", "300.1.1.1/8", ""}) {
@@ -139,14 +136,11 @@ TEST(ParamTypes, NetworkAndMac) {
   }
 
   ASSERT_EQ(c(kiv_checkDynCmdParam_Mac, "00-11-22-33-44-55"), 6);
-  const kiv_uint8 mac1[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-  EXPECT_EQ(std::memcmp(c.value.data(), mac1, 6), 0);
+  EXPECT_EQ(c.bytes(6), std::string("\x00\x11\x22\x33\x44\x55", 6));
   ASSERT_EQ(c(kiv_checkDynCmdParam_Mac, "0:1:2:3:4:5"), 6);
-  const kiv_uint8 mac2[6] = {0, 1, 2, 3, 4, 5};
-  EXPECT_EQ(std::memcmp(c.value.data(), mac2, 6), 0);
+  EXPECT_EQ(c.bytes(6), std::string("\0\1\2\3\4\5", 6));
   ASSERT_EQ(c(kiv_checkDynCmdParam_Mac, "aB:Cd:1:2:3:123"), 6);   // extra digits push out older ones
-  const kiv_uint8 mac3[6] = {0xab, 0xcd, 1, 2, 3, 0x23};
-  EXPECT_EQ(std::memcmp(c.value.data(), mac3, 6), 0);
+  EXPECT_EQ(c.bytes(6), std::string("\xab\xcd\x01\x02\x03\x23", 6));
   EXPECT_EQ(c(kiv_checkDynCmdParam_Mac, "00:11:22:33:44"), -1);
   EXPECT_EQ(c.redirect, 0u);
   EXPECT_EQ(c(kiv_checkDynCmdParam_Mac, "0:1:2:3:4:5:6"), -1);

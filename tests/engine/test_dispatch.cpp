@@ -226,30 +226,43 @@ TEST_F(Dispatch, GroupsAndPrompt) {
   // A group word (exact or by unique prefix) with a command: run inside, come back.
   EXPECT_EQ(engine_run("lab power on").out, "Success!!\n");
   EXPECT_EQ(engine_run("la power off").out, "Success!!\n");
-  EXPECT_EQ(seen(), (V{"argc=1", "on", "argc=1", "off"}));
   EXPECT_EQ(prompt(), "<T/>");
-
-  // Entering and leaving.
+  // Entering and leaving; a group with a prompt text of its own.
   LineResult r = engine_run("lab");
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(prompt(), "<T/lab/>");
-  EXPECT_EQ(engine_run("bench probe").out, "Success!!\n");
   EXPECT_EQ(engine_run("show 1").out, "Unknown command\n");   // not in this group
   engine_run("bench");
   EXPECT_EQ(prompt(), "<T/lab/bench/>");
-  EXPECT_EQ(engine_run("pro").out, "Success!!\n");
+  EXPECT_EQ(engine_run("pro").out, "Success!!\n");   // "probe"
   EXPECT_EQ(prompt(8), "<prompt");   // too small: the error text, cut
   engine_run("..");
   engine_run("..");
-  EXPECT_EQ(prompt(), "<T/>");
-
-  // A group with a prompt text of its own.
   engine_run("zmode");
   EXPECT_EQ(prompt(), "<zm>");
   EXPECT_EQ(kiv_exitCmdGroup(0, -1), 0);
   EXPECT_EQ(kiv_exitCmdGroup(0, 0), -1);   // not below the depth
   EXPECT_EQ(prompt(), "<T/>");
+
+  // Entry arguments come before the command's own values, and stay while the group is
+  // entered; too few of them leave the group closed.
+  engine_run("port 3 fast info detail");
+  engine_run("port 7 slow");
+  EXPECT_EQ(prompt(), "<T/port/>");
+  engine_run("info brief");
+  engine_run("..");
+  engine_run("lab power off");
+  EXPECT_EQ(engine_run("port 1").rc, -1);
+  EXPECT_EQ(prompt(), "<T/>");
+  EXPECT_EQ(seen(), (V{"argc=1", "on", "argc=1", "off", "argc=0", "argc=1", "3", "fast", "detail", "argc=1", "7", "slow",
+                       "brief", "argc=1", "off"}));
+  // The save stack's bound is checked before anything is written.
+  const std::string big(130, 'b');
+  const char *tooBig[] = {big.c_str(), "y"};
+  kiv_uint32 count = 2;
+  EXPECT_DEATH((dup2(2, 1), kiv_changeCmdGroup(0, "port", 0, reinterpret_cast<void **>(const_cast<char **>(tooBig)),
+                                              &count)),
+               "\nkiv/kiv_parser:kiv_changeCmdGroup:[0-9]+:'KIV_MAXDIRSTACKDEPTH - used >=required'");
 
   // The group stack bounds the depth.
   engine_setUp(&kRoot, 2);
@@ -258,36 +271,6 @@ TEST_F(Dispatch, GroupsAndPrompt) {
   EXPECT_EQ(r.rc, -1);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(prompt(), "<T/lab/>");
-}
-
-TEST_F(Dispatch, EntryArgumentGroups) {
-  // Arguments given with the group word come before the command's own values.
-  EXPECT_EQ(engine_run("port 3 fast info detail").out, "Success!!\n");
-  EXPECT_EQ(seen(), (V{"argc=1", "3", "fast", "detail"}));
-
-  // Entered: the saved arguments stay for every command until the group is left.
-  engine_run("port 7 slow");
-  EXPECT_EQ(prompt(), "<T/port/>");
-  engine_run("info brief");
-  engine_run("info detail");
-  EXPECT_EQ(seen(), (V{"argc=1", "7", "slow", "brief", "argc=1", "7", "slow", "detail"}));
-  engine_run("..");
-  EXPECT_EQ(prompt(), "<T/>");
-  engine_run("lab power off");
-  EXPECT_EQ(seen(), (V{"argc=1", "off"}));   // nothing saved is left over
-
-  // Too few entry arguments: the group is not entered.
-  EXPECT_EQ(engine_run("port 1").rc, -1);
-  EXPECT_EQ(prompt(), "<T/>");
-
-  // The save stack's bound is checked before anything is written.
-  const std::string big(130, 'b');
-  const char *tooBig[] = {big.c_str(), "y"};
-  kiv_uint32 count = 2;
-  EXPECT_DEATH((dup2(2, 1), kiv_changeCmdGroup(0, "port", 0, reinterpret_cast<void **>(const_cast<char **>(tooBig)),
-                                              &count)),
-               "\nkiv/kiv_parser:kiv_changeCmdGroup:[0-9]+:'KIV_MAXDIRSTACKDEPTH - used >=required'");
-  EXPECT_EQ(kiv_changeCmdGroup(0, "nosuch", 0, nullptr, &count), -1);
 }
 
 TEST_F(Dispatch, IndexStringsAndUsers) {

@@ -60,13 +60,11 @@ class ParserTest : public ::testing::Test {
   S values() {
     S out;
     void *cursor = saved_, *p = nullptr;
-    kiv_uint32 size = 0;
+    kiv_uint32 size = 0, v = 0;
     while (ciscoCmdGetNextToken(&p, &size, &cursor) == 0 && out.size() < 300) {
-      kiv_uint32 v = 0;
-      if (size == 4) memcpy(&v, p, 4);
-      std::string t = size == 4 ? std::to_string(v) : size == 0 ? std::string(static_cast<const char *>(p))
-                                                                 : std::string(static_cast<const char *>(p), size);
-      out.push_back(t + "/" + std::to_string(size));
+      const char *c = static_cast<const char *>(p);
+      out.push_back((size == 4 ? (memcpy(&v, p, 4), std::to_string(v)) : size ? std::string(c, size) : c) + "/" +
+                    std::to_string(size));
     }
     return out;
   }
