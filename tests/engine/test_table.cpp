@@ -307,7 +307,6 @@ TEST(Transcripts, LookupAndErrors) {
   // complete command the end is the only continuation and it is ignored.
   EXPECT_EQ(oneShot({"init", "foo"}), "\nError on 0th token 'foo'\n\n\n" + kCr + "\n" + kIncomplete);
   EXPECT_EQ(oneShot({"reg", "get", "5", "foo", "?"}), "\nError on -2th token 'foo'\n\n\n" + kCr + "\n");
-  EXPECT_EQ(oneShot({"igrate", "5", "6"}), "igrate 5: not supported\nErrno : -1\n");
   // A prefix of "%d" is rewritten once and then reported instead of looping.
   EXPECT_EQ(oneShot({"asictest", "%"}), "1th token best matched for '%d'\n\nError on 1th token '%d'\n\n\n"
                                         "%d                        first case number\n\n" + kIncomplete);
