@@ -95,6 +95,14 @@ int32_t read_reg(uint8_t opcode, uint32_t count, uint32_t *word) {
   return rd(SPIC_DATA, word);
 }
 
+// A one-byte flash register (status, configuration): the low byte of the word received.
+int32_t read_byte_reg(uint8_t opcode, uint8_t *value) {
+  uint32_t w = 0;
+  TRY(read_reg(opcode, 1, &w));
+  *value = (uint8_t)w;
+  return 0;
+}
+
 // Runs `body` on another register page and selects the page in use again afterwards,
 // whatever the body's result.
 template <class Body>
@@ -274,19 +282,8 @@ int32_t spi_flash_wait_wip(void) {
   return 11;
 }
 
-int32_t spi_flash_read_status(uint8_t *status) {
-  uint32_t w = 0;
-  TRY(read_reg(0x05, 1, &w));
-  *status = (uint8_t)w;
-  return 0;
-}
-
-int32_t spi_flash_read_config(uint8_t *config) {
-  uint32_t w = 0;
-  TRY(read_reg(cfg.rdcrOpcode, 1, &w));
-  *config = (uint8_t)w;
-  return 0;
-}
+int32_t spi_flash_read_status(uint8_t *status) { return read_byte_reg(0x05, status); }
+int32_t spi_flash_read_config(uint8_t *config) { return read_byte_reg(cfg.rdcrOpcode, config); }
 
 int32_t spi_flash_read_id(uint32_t *id) {
   uint32_t w = 0;

@@ -234,19 +234,15 @@ Outcome sub_erase(void **argv) {
   return {rc};
 }
 
-Outcome sub_rdsr(void **) {
-  uint8_t st = 0;
-  int32_t rc = spi_flash_read_status(&st);
-  if (rc == 0) printf("the status register = 0x%x\n", st);
+// `rdsr`, `rdcr`: one flash register, printed once it has been read.
+Outcome print_flash_reg(int32_t (*read)(uint8_t *), const char *format) {
+  uint8_t v = 0;
+  int32_t rc = read(&v);
+  if (rc == 0) printf(format, v);
   return {rc};
 }
-
-Outcome sub_rdcr(void **) {
-  uint8_t cr = 0;
-  int32_t rc = spi_flash_read_config(&cr);
-  if (rc == 0) printf("the control register1 = 0x%x\n", cr);
-  return {rc};
-}
+Outcome sub_rdsr(void **) { return print_flash_reg(spi_flash_read_status, "the status register = 0x%x\n"); }
+Outcome sub_rdcr(void **) { return print_flash_reg(spi_flash_read_config, "the control register1 = 0x%x\n"); }
 
 Outcome sub_rdid(void **) {
   uint32_t id = 0;
