@@ -150,6 +150,7 @@ TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
   const std::vector<Family> families = {
       {"reg", "reg set 0x100 0x5a5a\nreg get 0x100\nreg setbits 0x104 4 7 9\nreg getbits 0x104 4 7\n"},
       {"smi", "set regif smi\nsmi set 1 2 0x1234\nsmi get 1 2\nreg set 0x100 7\n"},
+      {"reg over spi", "set regif spi\nreg set 0x100 0x5a5a\nreg get 0x100\nreg setbit 0x104 3 1\n"},
       {"mmd/phy", "mmd write 1 7 60 0x1234\nmmd read 1 7 60\nphy write 1 0 4 0x1e1\nphy read 1 0 4\n"
                   "gphy readext 0xa43 26\n"},
       {"mib", "mib enable\nmib read 5\nmib clear 3\n"},
