@@ -58,7 +58,9 @@ ToolResult run_tool(const ToolRun &run) {
   ToolResult res;
   std::string cwd = run.cwd.empty() ? make_temp_dir() : run.cwd;
   int inPipe[2], outPipe[2], errPipe[2];
-  if (pipe(inPipe) || pipe(outPipe) || pipe(errPipe)) return res;
+  // Close-on-exec: a tool started meanwhile from another thread must not inherit these ends
+  // (it would hold this run's input open, and this run would never see end of input).
+  if (pipe2(inPipe, O_CLOEXEC) || pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC)) return res;
   pid_t pid = fork();
   if (pid == 0) {
     dup2(inPipe[0], 0);
