@@ -131,6 +131,13 @@ void processLine(std::string_view text, Mode mode) {
   memcpy(line.data(), s.data(), s.size());
   kiv_processLine(line.data(), static_cast<int>(s.size()));
   kiv_buildPrompt(kiv_prompt, KIV_PROMPT_SIZE, line.data(), s.size() >= 2 ? s[s.size() - 2] : 0);
+
+  // The root group has no sub-groups: whatever the line, the path stays at the root, and
+  // the text left for the editor fits its buffers.
+  FUZZ_CHECK(strcmp(kiv_pathBuffer, "<HX5200/>") == 0);
+  FUZZ_CHECK(strcmp(kiv_prompt, "<HX5200/> ") == 0);
+  FUZZ_CHECK(strnlen(kiv_outputBuffer, KIV_OUTBUF_SIZE) < KIV_OUTBUF_SIZE);
+  FUZZ_CHECK(strnlen(line.data(), line.size()) < KIV_LINE_SIZE - 1);
 }
 
 }  // namespace
