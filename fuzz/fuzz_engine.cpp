@@ -19,6 +19,7 @@
 #include "access/access.h"
 #include "access/usbio.h"
 #include "fuzz/fuzz_util.h"
+#include "internal/common/hx5200_spiflash.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 #include "kiv/kiv_parser.h"
 #include "shell/kivshell.h"
@@ -103,16 +104,20 @@ void attachBoard(bool fresh) {
   usbio_connect();
 }
 
-// Settings a previous line may have changed through `set`.
+// Settings a previous input may have changed (`set`, `spi setch` and the like, the page
+// register), so that each input starts where a fresh session would.
 void restoreSettings() {
   reg_debug_trace = 0;
   mdcaddrid = 24;
   hx_mibFormat = 0;
+  hx_chipVersion = 1;
+  spi_flash_cfg_reset();
   if (i2caddrid != 4 || usbio_handle == nullptr) {
     i2caddrid = 4;
     usbio_connect();
   }
   if (access_if != ACCESS_IF_I2C) usbio_use_i2c();
+  reg_write(1, PAGE_REG_ADDR, PAGE_SWCORE);
 }
 
 enum Mode : uint8_t { kRun = 0, kHelp = 1, kComplete = 2, kContinue = 3 };
