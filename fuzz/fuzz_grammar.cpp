@@ -1,10 +1,12 @@
 // Fuzz target: the usage-grammar splitter, the command-graph builder and the matcher, on
 // grammars made by the fuzzer. A command row whose usage is the input's first line is
 // parsed with the following lines as typed tokens; then the values are handed out, the
-// candidates listed and printed, and the same words run once more as a string.
+// candidates listed and printed, and the same words run once more as a string and, as a
+// typed line, through the engine's dispatcher (run, help or completion), whose completion
+// rounds and error reports then work on the fuzzed grammar.
 //
-// Input: one flag byte, one byte for the command's own parameter type, the usage, then one
-// token per line.
+// Input: one flag byte, one byte for the command's own parameter type and the dispatch
+// mode, the usage, then one token per line.
 //
 // A usage naming an unknown "%" type, or of MAX_CMD_TEMPBUFFER characters or more, stops
 // the program by design: such inputs are not parsed. Other grammar mistakes that the
@@ -19,6 +21,7 @@
 
 #include "fuzz/fuzz_util.h"
 #include "kiv/kiv_ciscoParser.h"
+#include "kiv/kiv_parser.h"
 #include "kiv/kiv_ciscoParserParamChecker.h"
 
 namespace {
@@ -117,6 +120,10 @@ kiv_int32 drain(void *saved, kiv_int32 limit) {
   return got;
 }
 
+// The engine's root group for the dispatch mode: one row, refilled for every input.
+kiv_cmd_t g_dispatchRow;
+const kiv_group_t g_dispatchRoot = {"FUZZ", "fuzzed grammars", nullptr, &g_dispatchRow, nullptr, 1, 0, 0};
+
 kiv_int32 g_handlerValues = -1;
 kiv_int32 recordingHandler(kiv_uint32, kiv_int32 argc, void **argv) {
   g_handlerValues = drain(*argv, argc);
@@ -136,19 +143,23 @@ void listAndShow() {
 
 void exercise(const kiv_cmd_t &row, uint8_t flags, std::vector<std::vector<char>> &words, std::vector<char *> &argv,
               kiv_int32 argc);
+void dispatch(const kiv_cmd_t &row, const std::vector<std::vector<char>> &words, uint8_t mode);
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   fuzz_quietStdout();
   ciscoCmdParserSetOutputMode(1);
+  if (kiv_init(1, 256, 256) != 0) abort();
+  if (kiv_userInit("3100", 1, 0xC0, 4, &g_dispatchRoot) != 0) abort();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ByteReader in(data, size);
   const uint8_t flags = in.u8();
-  g_portCount = static_cast<uint8_t>(1 + in.u8() % 12);
+  const uint8_t typeByte = in.u8();
+  g_portCount = static_cast<uint8_t>(1 + (typeByte & 0x3F) % 12);
   size_t n = 0;
   const char *text = reinterpret_cast<const char *>(in.rest(&n));
   std::string_view rest(text, n);
@@ -192,6 +203,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   } catch (const ConsistencyStop &) {
   }
   ciscoCmdParserReset();
+  if (flags & 128) {
+    try {
+      dispatch(row, words, typeByte >> 6);
+    } catch (const ConsistencyStop &) {
+    }
+    ciscoCmdParserReset();
+  }
   return 0;
 }
 
@@ -245,6 +263,27 @@ void exercise(const kiv_cmd_t &row, uint8_t flags, std::vector<std::vector<char>
     const kiv_int32 rr = ciscoCmdRunString(buf.data(), &row, " ");
     if (rr > 0 && g_handlerValues >= 0) FUZZ_CHECK(g_handlerValues == rr);
   }
+}
+
+// The words as one typed line after the command word, through kiv_cmdProcess: mode 0 runs
+// it, 1 asks for help on what follows ("?"), 2 asks for completion (Tab), 3 help on the
+// last word ("word?").
+void dispatch(const kiv_cmd_t &row, const std::vector<std::vector<char>> &words, uint8_t mode) {
+  g_dispatchRow = row;
+  std::string line = "t";
+  for (const auto &w : words) {
+    if (line.size() + w.size() + 2 > KIV_OUTBUF_SIZE - 2) break;
+    line += ' ';
+    line += w.data();
+  }
+  if (mode == 1) line += " ?";
+  if (mode == 3) line += '?';
+  std::vector<char> buf(line.begin(), line.end());
+  buf.push_back('\0');
+  if (mode == 2) kiv_setCompletion(0, 1);
+  kiv_cmdProcess(0, buf.data(), kiv_outputBuffer, KIV_OUTBUF_SIZE);
+  kiv_setCompletion(0, 0);
+  FUZZ_CHECK(strnlen(kiv_outputBuffer, KIV_OUTBUF_SIZE) < KIV_OUTBUF_SIZE);
 }
 
 }  // namespace
