@@ -7,13 +7,18 @@
 #include <string>
 #include <vector>
 
-struct UsbRecord {
-  char type = 0;
-  uint8_t xferType = 0, ep = 0, devnum = 0;
-  uint16_t bus = 0;
-  int32_t status = 0;
-  uint32_t length = 0;
-  uint64_t id = 0;
+struct UsbHeader {  // as laid out in the file
+  uint64_t id;
+  char type;
+  uint8_t xferType, ep, devnum;
+  uint16_t bus;
+  uint8_t unused1[14];
+  int32_t status;
+  uint32_t length, lenCap;
+  uint8_t unused2[24];
+};
+static_assert(sizeof(UsbHeader) == 64);
+struct UsbRecord : UsbHeader {
   std::vector<uint8_t> data;
 };
 
@@ -22,27 +27,14 @@ inline bool read_pcap(const std::string &path, std::vector<UsbRecord> &records) 
   records.clear();
   FILE *f = fopen(path.c_str(), "rb");
   if (!f) return false;
-  uint32_t gh[6];
+  uint32_t gh[6], rh[4];
   bool ok = fread(gh, sizeof gh, 1, f) == 1 && gh[0] == 0xa1b2c3d4 && gh[1] == (2u | (4u << 16)) && gh[5] == 220;
-  uint32_t rh[4];
   while (ok && fread(rh, sizeof rh, 1, f) == 1) {
-    std::vector<uint8_t> b(rh[2]);
-    uint32_t lenCap = 0;
-    ok = rh[2] >= 64 && rh[2] == rh[3] && fread(b.data(), 1, b.size(), f) == b.size();
-    if (ok) memcpy(&lenCap, &b[36], 4);
-    ok = ok && lenCap == b.size() - 64;
-    if (!ok) break;
-    UsbRecord r;
-    memcpy(&r.id, &b[0], 8);
-    r.type = char(b[8]);
-    r.xferType = b[9];
-    r.ep = b[10];
-    r.devnum = b[11];
-    memcpy(&r.bus, &b[12], 2);
-    memcpy(&r.status, &b[28], 4);
-    memcpy(&r.length, &b[32], 4);
-    r.data.assign(b.begin() + 64, b.end());
-    records.push_back(std::move(r));
+    UsbRecord r{};
+    r.data.resize(rh[2] >= 64 ? rh[2] - 64 : 0);
+    ok = rh[2] >= 64 && rh[2] == rh[3] && fread(static_cast<UsbHeader *>(&r), 64, 1, f) == 1 &&
+         fread(r.data.data(), 1, r.data.size(), f) == r.data.size() && r.lenCap == r.data.size();
+    if (ok) records.push_back(std::move(r));
   }
   fclose(f);
   return ok;

@@ -14,6 +14,11 @@ std::string bits(uint32_t v, int n = 8) {
   return s;
 }
 
+// Queues the n low bits of v, most significant first, as levels a device shows.
+void push_bits(std::deque<int> &levels, uint32_t v, int n) {
+  for (int i = n - 1; i >= 0; --i) levels.push_back((v >> i) & 1);
+}
+
 // The next level a device shows on its data line (`idle` when it has nothing to say).
 int next_level(std::deque<int> &levels, int idle) {
   if (levels.empty()) return idle;
@@ -60,28 +65,32 @@ void spare() {}
 
 std::string acked(uint8_t b) { return bits(b) + "r"; }
 
+// A fresh bus to the device at `id`, which stays silent for `silent` samples, then
+// acknowledges `acks`.
+void i2c_fresh(int acks, int silent = 0, uint32_t id = 4) {
+  g_i2c = I2cBus{};
+  i2caddrid = id;
+  g_i2c.replies.assign(size_t(silent), 1);
+  g_i2c.replies.resize(size_t(silent + acks), 0);
+}
+
 class SoftI2c : public ::testing::Test {
  protected:
   void SetUp() override {
-    g_i2c = I2cBus{};
-    i2caddrid = 4;
     i2c_line_hooks_set(i2c_both, i2c_dir, i2c_scl, i2c_sample, spare);
     ASSERT_EQ(i2c_hooks_register(sw_i2c_reg_write, sw_i2c_reg_read), 0);
   }
   void TearDown() override { i2caddrid = 4; }
-  void ack(int n) { g_i2c.replies.insert(g_i2c.replies.end(), n, 0); }
 };
 
 TEST_F(SoftI2c, WriteFrame) {
-  ack(8);
+  i2c_fresh(8);
   ASSERT_EQ(reg_write(1, 0x123456, 0xA1B2C3D4), 0);
   EXPECT_EQ(g_i2c.log, "S" + acked(0xA8) + acked(0x56) + acked(0x34) + acked(0x12) + acked(0xD4) + acked(0xC3) +
                            acked(0xB2) + acked(0xA1) + "P");
   EXPECT_EQ(g_i2c.samples, 8);
 
-  g_i2c = I2cBus{};
-  i2caddrid = 0xD;  // only the low three bits count
-  ack(8);
+  i2c_fresh(8, 0, 0xD);  // only the low three bits count
   ASSERT_EQ(reg_write(1, 0, 0), 0);
   EXPECT_EQ(g_i2c.log.substr(0, 10), "S" + acked(0xAA));
 
@@ -89,10 +98,7 @@ TEST_F(SoftI2c, WriteFrame) {
   // its own stop); the last byte's code is returned.
   const uint32_t vals[2] = {0x11223344, 0x55667788};
   for (int lastAcked : {1, 0}) {
-    g_i2c = I2cBus{};
-    i2caddrid = 4;
-    g_i2c.replies.assign(10, 1);  // the control byte is not acknowledged
-    ack(10 + lastAcked);
+    i2c_fresh(10 + lastAcked, 10);  // the control byte is not acknowledged
     EXPECT_EQ(sw_i2c_reg_write_burst(0x010203, vals, 2), lastAcked ? 0 : 24);
     std::string body = acked(3) + acked(2) + acked(1);
     for (uint8_t b : {0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66}) body += acked(b);
@@ -101,9 +107,8 @@ TEST_F(SoftI2c, WriteFrame) {
 }
 
 TEST_F(SoftI2c, ReadFrameAndValue) {
-  ack(5);
-  for (uint8_t b : {0x78, 0x56, 0x34, 0x12})
-    for (int i = 7; i >= 0; --i) g_i2c.replies.push_back((b >> i) & 1);
+  i2c_fresh(5);
+  push_bits(g_i2c.replies, 0x78563412, 32);  // low byte first
   uint32_t v = 0;
   ASSERT_EQ(reg_read(1, 0x0A0B0C, &v), 0);
   EXPECT_EQ(v, 0x12345678u);
@@ -114,21 +119,18 @@ TEST_F(SoftI2c, ReadFrameAndValue) {
 
 TEST_F(SoftI2c, AcknowledgeWindowAndCode24) {
   // Acknowledge on the ninth sample is still in time.
-  g_i2c.replies = {1, 1, 1, 1, 1, 1, 1, 1, 0};
-  ack(7);
+  i2c_fresh(8, 8);
   EXPECT_EQ(reg_write(1, 0, 0), 0);
 
   // On the tenth it is too late: ten samples, a stop, code 24, nothing more sent.
-  g_i2c = I2cBus{};
-  g_i2c.replies = {1, 1, 1, 1, 1, 1, 1, 1, 1, 0};
+  i2c_fresh(1, 9);
   EXPECT_EQ(reg_write(1, 0, 0), 24);
   EXPECT_EQ(g_i2c.samples, 10);
   EXPECT_EQ(g_i2c.log, "S" + acked(0xA8) + "P");
 
   // A missing acknowledge on an address byte of a read ends it there too.
-  g_i2c = I2cBus{};
-  ack(2);
-  g_i2c.replies.insert(g_i2c.replies.end(), 10, 1);
+  i2c_fresh(2);
+  g_i2c.replies.resize(12, 1);
   uint32_t v = 99;
   EXPECT_EQ(reg_read(1, 0x30201, &v), 24);
   EXPECT_EQ(v, 99u);
@@ -188,9 +190,8 @@ TEST(SoftSpi, WriteAndReadFrames) {
   EXPECT_NE(g_spi.events.find("L1d1Hd1"), std::string::npos);
 
   g_spi = SpiBus{};
-  for (int i = 0; i < 8; ++i) g_spi.miso.push_back(1);  // the discarded byte
-  for (uint8_t b : {0xDE, 0xAD, 0xBE, 0xEF})
-    for (int i = 7; i >= 0; --i) g_spi.miso.push_back((b >> i) & 1);
+  push_bits(g_spi.miso, 0xFF, 8);  // the discarded byte
+  push_bits(g_spi.miso, 0xDEADBEEF, 32);
   uint32_t v = 0;
   ASSERT_EQ(reg_read(1, 0x000102, &v), 0);
   EXPECT_EQ(v, 0xDEADBEEFu);
@@ -223,8 +224,7 @@ TEST(SoftSmi, Clause22Frames) {
   EXPECT_EQ(g_smi.bitsOut, std::string(32, '1') + "01" + "01" + bits(0x18, 5) + bits(6, 5) + "10" + bits(0x8123, 16));
 
   g_smi = SmiBus{};
-  g_smi.replies = {1, 0};
-  for (int i = 15; i >= 0; --i) g_smi.replies.push_back((0xBEEF >> i) & 1);
+  push_bits(g_smi.replies, 0x2BEEF, 18);  // turnaround "10", then the data
   uint16_t d = 0;
   ASSERT_EQ(sw_smi_read(3, 2, &d), 0);
   EXPECT_EQ(d, 0xBEEF);
