@@ -32,23 +32,14 @@ void note(const char *fmt, uint32_t addr, uint32_t value) {
   snprintf(text, sizeof text, fmt, (addr >> 24) == 0x51 ? addr & 0xFFFFFF : addr, value);
   g_trace += text;
 }
-int32_t traced_write(uint32_t addr, uint32_t value) {
-  note("W%x=%x ", addr, value);
-  return hx5200_usb_i2c_write(addr, value);
-}
-int32_t traced_read(uint32_t addr, uint32_t *value) {
-  note("R%x ", addr, 0);
-  return hx5200_usb_i2c_read(addr, value);
-}
+int32_t traced_write(uint32_t a, uint32_t v) { note("W%x=%x ", a, v); return hx5200_usb_i2c_write(a, v); }
+int32_t traced_read(uint32_t a, uint32_t *v) { note("R%x ", a, 0); return hx5200_usb_i2c_read(a, v); }
 
+// A fresh board with the given KIVTOOL_SIM_<name> knobs, reached over traced I2C accesses.
 class FlashBoard {
  public:
   explicit FlashBoard(Knobs knobs = {}) : dir_(make_temp_dir("kivflash")) {
-    for (const auto &[name, value] : knobs) {
-      std::string var = "KIVTOOL_SIM_" + name;
-      setenv(var.c_str(), value.c_str(), 1);
-      vars_.push_back(var);
-    }
+    for (const auto &[name, value] : knobs) setenv(vars_.emplace_back("KIVTOOL_SIM_" + name).c_str(), value.c_str(), 1);
     usb_ops_set(sim_attach(dir_.c_str()));
     usbio_use_i2c();
     usbio_connect();
@@ -66,8 +57,6 @@ class FlashBoard {
   FlashBoard(const FlashBoard &) = delete;
   FlashBoard &operator=(const FlashBoard &) = delete;
 
-  std::string image() const { return read_file(dir_ + "/flash.bin"); }
-
  private:
   std::string dir_;
   std::vector<std::string> vars_;
@@ -83,11 +72,13 @@ std::string settings() {
   return text;
 }
 
-std::vector<uint8_t> flash_read(uint32_t addr, uint32_t len) {
-  std::vector<uint8_t> b(len);
+using Bytes = std::vector<uint8_t>;
+Bytes flash_read(uint32_t addr, uint32_t len) {
+  Bytes b(len);
   EXPECT_EQ(spi_flash_read(addr, b.data(), len), 0);
   return b;
 }
+void flash_program(uint32_t addr, const Bytes &b) { ASSERT_EQ(spi_flash_program(addr, b.data(), (uint32_t)b.size()), 0); }
 
 TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
   static_assert(spi_flash_addr_word(0x03, 0x123456) == 0x56341203);
@@ -141,7 +132,7 @@ TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
   }
 }
 
-TEST(SpiFlashLayer, TimeOutsOfControllerFlashAndLatch) {
+TEST(SpiFlashLayer, TimeOutsProtectionAndAFailedCalibration) {
   {
     FlashBoard board({{"SPIC_BUSY", "-1"}});
     spi_flash_cfg.pollLimit = 50;
@@ -150,33 +141,38 @@ TEST(SpiFlashLayer, TimeOutsOfControllerFlashAndLatch) {
     EXPECT_EQ(spi_flash_read_status(&st), -11);
     EXPECT_EQ(spi_flash_wait_idle(), -11);
   }
+  const uint8_t data[1] = {0x12};
   {
     FlashBoard board({{"FLASH_WIP", "-1"}, {"FLASH_WIP_MS", "-1"}});
     spi_flash_cfg.pollLimit = 50;
     ASSERT_EQ(spi_flash_write_status(0, 0, false), 11);   // status write never finishes
     EXPECT_EQ(spi_flash_wait_wip(), 11);
     EXPECT_EQ(spi_flash_write_enable(), 1);
-    uint8_t b = 0;
-    EXPECT_EQ(spi_flash_program(0, &b, 1), 11);
+    EXPECT_EQ(spi_flash_program(0, data, 1), 11);
   }
-}
-
-TEST(SpiFlashLayer, ProtectedFlashRefusesEraseAndProgram) {
-  FlashBoard board;
-  const uint8_t data[1] = {0x12};
-  ASSERT_EQ(spi_flash_write_status(0x04, 0, false), 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), -1);
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[spi_flash_erase-[0-9]+\]-info-: Flash is protected\n)"))) << out;
-  EXPECT_EQ(spi_flash_program(0x30000, data, 1), -1);
-  EXPECT_EQ(spi_flash_erase(0, 3), -2);
+  {
+    FlashBoard board;
+    ASSERT_EQ(spi_flash_write_status(0x04, 0, false), 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), -1);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[spi_flash_erase-[0-9]+\]-info-: Flash is protected\n)"))) << out;
+    EXPECT_EQ(spi_flash_program(0x30000, data, 1), -1);
+    EXPECT_EQ(spi_flash_erase(0, 3), -2);
+  }
+  // A failed calibration puts the sample delay and the sample control back.
+  FlashBoard board({{"FLASH_DLY_MIN", "40"}, {"FLASH_DLY_MAX", "50"}, {"FLASH_WIP_MS", "0"}});
+  sim::chip_write(SPIF_CPU_SAMPLE, 0x5A);
+  spi_flash_cfg.sysDelay = 21;
+  EXPECT_EQ(spi_flash_calibrate(), -1);
+  EXPECT_EQ(spi_flash_cfg.sysDelay, 21u);
+  EXPECT_EQ(sim::chip_read(SPIF_CPU_SAMPLE), 0x5Au);
 }
 
 TEST(SpiFlashLayer, MultiLineReadSetUpAndItsDelayArithmetic) {
   FlashBoard board;
-  const std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  ASSERT_EQ(spi_flash_program(0x500, data.data(), 9), 0);
+  const Bytes data = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  flash_program(0x500, data);
   spi_flash_cfg.channel = 2;
   spi_flash_cfg.rdOpcode = 0x3B;
   spi_flash_cfg.dummyCycles = 8;
@@ -209,15 +205,6 @@ TEST(SpiFlashLayer, MultiLineReadSetUpAndItsDelayArithmetic) {
   EXPECT_EQ(spi_flash_program(0x500, data.data(), 4), -1);
 }
 
-TEST(SpiFlashLayer, FailedCalibrationRestoresTheDelayAndTheSampleControl) {
-  FlashBoard board({{"FLASH_DLY_MIN", "40"}, {"FLASH_DLY_MAX", "50"}, {"FLASH_WIP_MS", "0"}});
-  sim::chip_write(SPIF_CPU_SAMPLE, 0x5A);
-  spi_flash_cfg.sysDelay = 21;
-  EXPECT_EQ(spi_flash_calibrate(), -1);
-  EXPECT_EQ(spi_flash_cfg.sysDelay, 21u);
-  EXPECT_EQ(sim::chip_read(SPIF_CPU_SAMPLE), 0x5Au);
-}
-
 TEST(SpiFlashLayer, RequestedSettingsThenQuadCalibrationAndReads) {
   FlashBoard board({{"FLASH_WIP_MS", "0"}});
   spi_flash_cfg.reqClock = 50;
@@ -234,9 +221,8 @@ TEST(SpiFlashLayer, RequestedSettingsThenQuadCalibrationAndReads) {
   ASSERT_EQ(spi_flash_read_config(&cr), 0);
   EXPECT_EQ(cr & 0x02, 0x02);
   spi_flash_cfg.skipWip = 0;
-  std::vector<uint8_t> data = {9, 8, 7, 6, 5};
-  ASSERT_EQ(spi_flash_program(0x7000, data.data(), 5), 0);
-  EXPECT_EQ(flash_read(0x7000, 5), data);
+  flash_program(0x7000, {9, 8, 7, 6, 5});
+  EXPECT_EQ(flash_read(0x7000, 5), (Bytes{9, 8, 7, 6, 5}));
 
   spi_flash_cfg.reqClock = 25;
   EXPECT_EQ(spi_flash_apply_settings(), -1);
@@ -251,10 +237,9 @@ TEST(SpiFlashLayer, ControllerInitialisationFromBootStrapAndParameterBlock) {
   FlashBoard board;
   // Boot mode 2, sample delay 12 from the strap, parameter table entry 1 (0xC0000).
   const uint32_t base = 0xC0000 + 0x40000;
-  std::vector<uint8_t> block = {0x02 | (4 << 3), 0, 0xC0, 0xFF, 0xFF, 0xFF, 0xA5, 0x0F};
-  ASSERT_EQ(spi_flash_program(base, block.data(), (uint32_t)block.size()), 0);
-  std::vector<uint8_t> sig = {0x99, 0x88, 0x00};
-  ASSERT_EQ(spi_flash_program(base + 0x0D, sig.data(), 3), 0);
+  const Bytes block = {0x02 | (4 << 3), 0, 0xC0, 0xFF, 0xFF, 0xFF, 0xA5, 0x0F};
+  flash_program(base, block);
+  flash_program(base + 0x0D, {0x99, 0x88, 0x00});   // the signature
   sim::chip_write(SPIF_BOOT_STRAP, 0x80 | 0x20 | 12);
   sim::chip_write(SPIF_PARAM_SELECT, 1);
 
@@ -270,8 +255,7 @@ TEST(SpiFlashLayer, ControllerInitialisationFromBootStrapAndParameterBlock) {
   EXPECT_EQ(flash_read(base, 8), block);
 
   // Without the signature: measured clock and divisor from the controller, one line.
-  std::vector<uint8_t> nosig = {0x00};
-  ASSERT_EQ(spi_flash_program(base + 0x0D, nosig.data(), 1), 0);
+  flash_program(base + 0x0D, {0x00});
   ASSERT_EQ(spi_flash_controller_init(), 0);
   EXPECT_EQ(settings(), "ch=1 clk=25 div=4 dly=12 pg=2 rd=3 dummy=0/ff quad=1,1 further=0");
 
