@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 
 #include "kiv/kiv_parser.h"
@@ -27,6 +28,27 @@ inline LineResult engine_run(std::string line, bool tab = false) {
   const int rc = kiv_cmdProcess(0, line.data(), kiv_outputBuffer, KIV_OUTBUF_SIZE);
   kiv_setCompletion(0, 0);
   return {testing::internal::GetCapturedStdout(), rc, kiv_outputBuffer};
+}
+
+// One line (with the completion flag when `tab`) and what it must print (and return,
+// unless kAnyRc; and leave in the output buffer, when given).
+constexpr int kAnyRc = 1 << 30;
+struct Step {
+  std::string line, out;
+  int rc = kAnyRc;
+  const char *buf = nullptr;
+};
+inline void engine_expect(std::initializer_list<Step> steps, bool tab = false) {
+  for (const Step &s : steps) {
+    const LineResult r = engine_run(s.line, tab);
+    EXPECT_EQ(r.out, s.out) << s.line;
+    if (s.rc != kAnyRc) {
+      EXPECT_EQ(r.rc, s.rc) << s.line;
+    }
+    if (s.buf) {
+      EXPECT_EQ(r.buf, s.buf) << s.line;
+    }
+  }
 }
 
 // What fn prints on stdout.

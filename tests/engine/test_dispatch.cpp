@@ -84,33 +84,21 @@ std::string prompt(kiv_uint32 size = 64) {
 }
 
 TEST_F(Dispatch, LookupAndReportLines) {
-  LineResult r = engine_run("show 7");
-  EXPECT_EQ(r.out, "Success!!\n");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(engine_run("shu now").out, "Success!!\n");   // unique prefix
-  EXPECT_EQ(seen(), (V{"argc=1", "#7", "argc=1", "now"}));
-  r = engine_run("sh all");
-  EXPECT_EQ(r.out, "\nshow\nshutdown\nambiguous command\n");
-  EXPECT_EQ(r.rc, -1);
-  r = engine_run("nosuch 1");
-  EXPECT_EQ(r.out, "Unknown command\n");
-  EXPECT_EQ(r.rc, -1);
-  EXPECT_EQ(engine_run("   \t ").out, "");
-  EXPECT_TRUE(seen().empty());
-  // The completion flag silences the two messages (the list of names stays).
-  EXPECT_EQ(engine_run("nosuch", true).out, "");
-  EXPECT_EQ(engine_run("sh", true).out, "\nshow\nshutdown\n");
-
-  g_result = -7;
-  r = engine_run("empty");
-  EXPECT_EQ(r.out, "Errno : -7\n");
-  EXPECT_EQ(r.rc, -1);
-  g_result = 0;
-  EXPECT_EQ(engine_run("printer").out, "printed\nSuccess!!\n");
+  engine_expect({{"show 7", "Success!!\n", 0},
+                 {"shu now", "Success!!\n"},   // unique prefix
+                 {"sh all", "\nshow\nshutdown\nambiguous command\n", -1},
+                 {"nosuch 1", "Unknown command\n", -1},
+                 {"   \t ", ""},
+                 {"printer", "printed\nSuccess!!\n"},
+                 {"secret", "Success!!\n"}});   // rows flagged 0x40: only for users with that flag
+  EXPECT_EQ(seen(), (V{"argc=1", "#7", "argc=1", "now", "argc=0"}));
   EXPECT_EQ(engine_run("show").rc, 0);   // an incomplete line still succeeds
+  // The completion flag silences the two messages (the list of names stays).
+  engine_expect({{"nosuch", ""}, {"sh", "\nshow\nshutdown\n"}}, true);
+  g_result = -7;
+  engine_expect({{"empty", "Errno : -7\n", -1}});
+  g_result = 0;
 
-  // Rows flagged 0x40 are only for users registered with that flag.
-  EXPECT_EQ(engine_run("secret").out, "Success!!\n");
   newUser("plain", 0);
   EXPECT_EQ(engine_run("secret").out, "Unknown command\n");
   EXPECT_EQ(engine_run("ls").out.find("secret"), std::string::npos);
@@ -122,18 +110,13 @@ TEST_F(Dispatch, LookupAndReportLines) {
 }
 
 TEST_F(Dispatch, RawRows) {
-  EXPECT_EQ(engine_run("raw one two").out, "Success!!\n");
+  engine_expect({{"raw one two", "Success!!\n"}});
   g_result = -3;
-  EXPECT_EQ(engine_run("raw 1 2 3").out, "Errno : -3\n");
-  EXPECT_EQ(seen(), (V{"raw argc=3", "raw", "one", "two", "raw argc=4", "raw", "1", "2", "3"}));
   // Too few tokens: by exact name silently refused, by prefix with the usage line.
-  EXPECT_EQ(engine_run("raw x").out, "");
-  EXPECT_EQ(engine_run("ra x").out, "raw                  usage:raw a b\n");
-  EXPECT_TRUE(seen().empty());
+  engine_expect({{"raw 1 2 3", "Errno : -3\n"}, {"raw x", ""}, {"ra x", "raw                  usage:raw a b\n"}});
+  EXPECT_EQ(seen(), (V{"raw argc=3", "raw", "one", "two", "raw argc=4", "raw", "1", "2", "3"}));
   // Completion of a raw row puts the whole line into the output buffer.
-  const LineResult r = engine_run("ra x y", true);
-  EXPECT_EQ(r.buf, "raw x y");
-  EXPECT_EQ(r.out, "");
+  engine_expect({{"ra x y", "", kAnyRc, "raw x y"}}, true);
 }
 
 TEST_F(Dispatch, Tokeniser) {
@@ -149,9 +132,7 @@ TEST_F(Dispatch, Tokeniser) {
   const std::string t255(255, 'x');
   engine_run("addr text " + t255);
   EXPECT_EQ(seen(), (V{"argc=2", "text", t255}));
-  const LineResult r = engine_run("addr text " + t255 + "y");
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.rc, -1);
+  engine_expect({{"addr text " + t255 + "y", "", -1}});
   EXPECT_TRUE(seen().empty());
 
   // At most 255 tokens are kept; the rest of the line is dropped.
@@ -175,23 +156,18 @@ TEST_F(Dispatch, Listings) {
   EXPECT_EQ(help.find("usage:{"), std::string::npos);   // grammar rows show no usage line
 
   // Help on a word: raw rows show help and usage, grammar rows what may follow.
-  LineResult r = engine_run("raw ?");
-  EXPECT_EQ(r.out, "raw                  raw tokens\n                     usage: raw a b\n");
-  EXPECT_EQ(r.buf, "raw ");
-  r = engine_run("shut help trailing words");
-  EXPECT_EQ(r.out, "\nnow                       at once\nlater                     after a while\n\n");
-  EXPECT_EQ(r.buf, "shutdown ");   // the editor gets the word in full
-  EXPECT_EQ(engine_run("lab ?").out, "power                power supply\nbench                bench group\n");
-  EXPECT_EQ(engine_run("lab power ?").out,
-            "\non                        switch on\noff                       switch off\n\n");
-
-  // A partial word.
-  r = engine_run("sh?");
-  EXPECT_EQ(r.out, "show                 show things\nshutdown             stop the box\n");
-  EXPECT_EQ(r.buf, "sh");
-  EXPECT_EQ(engine_run("dumper du?").out, kDumpList);
-  EXPECT_EQ(engine_run("lab pow?").out, "power                power supply\n");
-  EXPECT_EQ(engine_run("lab powe o?").out, "Unknown command\n");   // the command word in full
+  engine_expect({
+      {"raw ?", "raw                  raw tokens\n                     usage: raw a b\n", kAnyRc, "raw "},
+      {"shut help trailing words",   // the editor gets the word in full
+       "\nnow                       at once\nlater                     after a while\n\n", kAnyRc, "shutdown "},
+      {"lab ?", "power                power supply\nbench                bench group\n"},
+      {"lab power ?", "\non                        switch on\noff                       switch off\n\n"},
+      // A partial word.
+      {"sh?", "show                 show things\nshutdown             stop the box\n", kAnyRc, "sh"},
+      {"dumper du?", kDumpList},
+      {"lab pow?", "power                power supply\n"},
+      {"lab powe o?", "Unknown command\n"},   // the command word in full
+  });
   EXPECT_TRUE(seen().empty());
 }
 
@@ -203,35 +179,24 @@ TEST_F(Dispatch, BestMatchAndCompletion) {
   EXPECT_EQ(seen(), (V{"argc=2", "get", "#5", "argc=1", "dump"}));
   EXPECT_EQ(engine_run("dumper du").out, kDumpList + kIncomplete);
 
-  // Completion: a command word by prefix, a keyword, a group name.
-  LineResult r = engine_run("shu", true);
-  EXPECT_EQ(r.buf, "shutdown");
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.rc, -1);
-  EXPECT_EQ(engine_run("shutdown la", true).buf, "shutdown later");
-  EXPECT_EQ(engine_run("la", true).buf, "lab");
-  // Ambiguous or complete words: listed as without the flag, the line kept.
-  r = engine_run("dumper du", true);
-  EXPECT_EQ(r.out, kDumpList + kIncomplete);
-  EXPECT_EQ(r.buf, "dumper du");
-  r = engine_run("show", true);
-  EXPECT_EQ(r.out, kShowList + kIncomplete);
-  EXPECT_EQ(r.buf, "show");
+  // Completion: a command word by prefix, a keyword, a group name; ambiguous or complete
+  // words are listed as without the flag, the line kept.
+  engine_expect({{"shu", "", -1, "shutdown"},
+                 {"shutdown la", "", kAnyRc, "shutdown later"},
+                 {"la", "", kAnyRc, "lab"},
+                 {"dumper du", kDumpList + kIncomplete, kAnyRc, "dumper du"},
+                 {"show", kShowList + kIncomplete, kAnyRc, "show"}},
+                true);
   EXPECT_TRUE(seen().empty());
 }
 
 TEST_F(Dispatch, GroupsAndPrompt) {
   EXPECT_EQ(prompt(), "<T/>");
   // A group word (exact or by unique prefix) with a command: run inside, come back.
-  EXPECT_EQ(engine_run("lab power on").out, "Success!!\n");
-  EXPECT_EQ(engine_run("la power off").out, "Success!!\n");
+  engine_expect({{"lab power on", "Success!!\n"}, {"la power off", "Success!!\n"}});
   EXPECT_EQ(prompt(), "<T/>");
-  // Entering and leaving; a group with a prompt text of its own.
-  LineResult r = engine_run("lab");
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(engine_run("show 1").out, "Unknown command\n");   // not in this group
-  engine_run("bench");
+  // Entering and leaving ("show" is not in the group); a group with a prompt text of its own.
+  engine_expect({{"lab", "", 0}, {"show 1", "Unknown command\n"}, {"bench", ""}});
   EXPECT_EQ(prompt(), "<T/lab/bench/>");
   EXPECT_EQ(engine_run("pro").out, "Success!!\n");   // "probe"
   EXPECT_EQ(prompt(8), "<prompt");   // too small: the error text, cut
@@ -265,10 +230,7 @@ TEST_F(Dispatch, GroupsAndPrompt) {
 
   // The group stack bounds the depth.
   engine_setUp(&kRoot, 2);
-  EXPECT_EQ(engine_run("lab").rc, 0);
-  r = engine_run("bench");
-  EXPECT_EQ(r.rc, -1);
-  EXPECT_EQ(r.out, "");
+  engine_expect({{"lab", "", 0}, {"bench", "", -1}});
   EXPECT_EQ(prompt(), "<T/lab/>");
 }
 

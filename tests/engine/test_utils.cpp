@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "engine_fixture.h"
 #include "kiv/hx_utils.h"
@@ -58,10 +59,8 @@ TEST(Utils, NumbersAndStrings) {
   EXPECT_STREQ(hx_itoa(0, buf), "0");
   EXPECT_STREQ(hx_itoa(INT32_MIN, buf), "-2147483648");
 
-  EXPECT_EQ(hx_hexDigit('7'), 7);
-  EXPECT_EQ(hx_hexDigit('a'), 0);   // letters count from 'a', without adding ten
-  EXPECT_EQ(hx_hexDigit('F'), 5);
-  EXPECT_EQ(hx_hexDigit('g'), 0);
+  for (auto [c, v] : {std::pair{'7', 7}, {'a', 0}, {'F', 5}, {'g', 0}})   // letters count from 'a', without adding ten
+    EXPECT_EQ(hx_hexDigit(c), v) << c;
 
   kiv_uint32 bit = 99;
   EXPECT_EQ(hx_isPowerOf2(0, nullptr) + hx_isPowerOf2(64, nullptr) + hx_isPowerOf2(6, nullptr), 2);
