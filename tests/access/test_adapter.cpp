@@ -263,8 +263,9 @@ TEST(Adapter, MessagesOfMissingAdapterReadErrorsConfigurationAndEvents) {
                 spiError + spiError + "\033[1;33;40m kivshell: USBIO device Disconnected. \033[0m \n" +
                 "HX5200_USB_I2C_WRITE_NEW_1482" + kNotFound + "HX5200_USB_I2C_READ_NEW_1363" + kNotFound +
                 "HX5200_SMI_WRITE_HXK_1713" + kNotFound + "HX5200_SMI_READ_HXK_1758" + kNotFound +
-                "HX5200_USB_I2C_FLASH_WRITE_NEW_1541" + kNotFound + "HX5200_USB_SMI_FLASH_WRITE_NEW_1807" + kNotFound +
-                "HX5200_USB_I2C_READ_BURST_1425" + kNotFound + "\033[1;37;40m kivshell: USBIO device Connected. \033[0m \n");
+                "HX5200_USB_I2C_FLASH_WRITE_NEW_1541" + kNotFound + "HX5200_USB_SMI_FLASH_WRITE_NEW_1807" +
+                kNotFound + "HX5200_USB_I2C_READ_BURST_1425" + kNotFound +
+                "\033[1;37;40m kivshell: USBIO device Connected. \033[0m \n");
   EXPECT_EQ(usbio_close(nullptr, 0), 1);
   usbio_close(usbio_handle, 0);
   EXPECT_EQ(hx5200_usb_spi_read(0x30, &v), 0);  // the SPI read reconnects by itself
