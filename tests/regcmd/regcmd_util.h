@@ -17,38 +17,27 @@ inline const std::string kOk = "Success!!\n";
 inline std::string errnoLine(int code) { return "Errno : " + std::to_string(code) + "\n"; }
 
 using Env = std::vector<std::pair<std::string, std::string>>;
+using Step = std::pair<std::string, std::string>;   // a typed line, what the tool prints for it
 
-// One typed line and what the tool prints for it (report line included).
-struct Step {
-  std::string line;
-  std::string out;
-};
-
-// Start-up text of a piped session on a fresh board, taken from a session without lines.
-inline const std::string &sessionPrefix() {
-  static const std::string prefix = run_tool(ToolRun{}).out;
-  return prefix;
-}
-
-// Runs the lines as one piped session; returns the output after the start-up text.
+// Runs the lines as one piped session on a fresh board; returns the output after the
+// start-up text (taken from a session without lines).
 inline std::string runSession(const std::vector<std::string> &lines, const Env &env = {}) {
+  static const std::string prefix = run_tool(ToolRun{}).out;
   ToolRun run;
   for (const std::string &l : lines) run.input += l + "\n";
   run.env = env;
-  ToolResult res = run_tool(run);
-  EXPECT_FALSE(res.timedOut);
-  EXPECT_EQ(res.status, 0);
-  const std::string &prefix = sessionPrefix();
-  EXPECT_EQ(res.out.compare(0, prefix.size(), prefix), 0) << res.out;
-  return res.out.size() >= prefix.size() ? res.out.substr(prefix.size()) : res.out;
+  const ToolResult res = run_tool(run);
+  EXPECT_TRUE(!res.timedOut && res.status == 0);
+  EXPECT_TRUE(res.out.starts_with(prefix)) << res.out;
+  return res.out.substr(std::min(prefix.size(), res.out.size()));
 }
 
 inline void expectSession(const std::vector<Step> &steps, const Env &env = {}) {
   std::vector<std::string> lines;
   std::string expected;
-  for (const Step &s : steps) {
-    lines.push_back(s.line);
-    expected += s.out;
+  for (const auto &[line, out] : steps) {
+    lines.push_back(line);
+    expected += out;
   }
   EXPECT_EQ(runSession(lines, env), expected);
 }

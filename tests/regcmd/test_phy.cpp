@@ -3,7 +3,7 @@
 
 namespace {
 
-TEST(PhyCommand, PagedRegistersAndExtensionPages) {
+TEST(PhyCommand, PagedRegistersExtensionPagesTheClause45SpaceAndTheMdxMaster) {
   expectSession({
       {"phy write 1 0 5 0xbeef", kOk},
       {"phy read 1 0 5", "reg value: beef\n" + kOk},
@@ -16,28 +16,12 @@ TEST(PhyCommand, PagedRegistersAndExtensionPages) {
       {"phy read 4 0 31", "reg value: 0005\n" + kOk},
       {"phy read 4 31 3", "reg value: 0000\n" + kOk},   // page 31 itself is untouched
       {"phy linkst 1", "phy linkst: not supported\n" + errnoLine(-1)},
-  });
-}
-
-TEST(PhyCommand, BusyUnitTimesOut) {
-  expectSession({{"phy read 4 0 2", "reg value: 001c\n" + kOk}}, {{"KIVTOOL_SIM_PHY_BUSY", "999"}});
-  expectSession({{"phy read 4 0 2", errnoLine(-1)},
-                 {"gphy readext 1 2", errnoLine(-1)},
-                 {"mmd read 1 1 2", "reg value: 0000\nMMD Over\n" + kOk}},
-                {{"KIVTOOL_SIM_PHY_BUSY", "-1"}});
-}
-
-TEST(MmdCommand, ClauseFortyFiveSpacePerPhyAndDevice) {
-  expectSession({
+      // MMD registers per PHY and device.
       {"mmd write 2 1 0x900 0x77", "MMD Over\n" + kOk},
       {"mmd read 2 1 0x900", "reg value: 0077\nMMD Over\n" + kOk},
       {"mmd read 3 1 0x900", "reg value: 0000\nMMD Over\n" + kOk},
       {"mmd read 2 7 0x900", "reg value: 0000\nMMD Over\n" + kOk},
-  });
-}
-
-TEST(MdxCommand, RangeChecksConfigurationAndRoundTrip) {
-  expectSession({
+      // The MDX master: range checks, configuration, and a round trip that releases the pins.
       {"mdx init 32 8", "baud rate range is 0~0x1F\n" + errnoLine(-1)},
       {"mdx init 5 12", "preamble is 0, 8, 16 or 32\n" + errnoLine(-1)},
       {"mdx init 0 8", errnoLine(-2)},
@@ -52,9 +36,20 @@ TEST(MdxCommand, RangeChecksConfigurationAndRoundTrip) {
   });
 }
 
-TEST(MdxCommand, StuckControllerGivesMinus11AndReleasesPins) {
-  expectSession({{"mdx get 5 4", errnoLine(-11)}, {"reg get 0x640008", "[0x640008]=0x0010\n" + kOk}},
-                {{"KIVTOOL_SIM_MDX_BUSY", "-1"}});
+// Busy units: a PHY that stays busy fails reads (MMD does not wait; the SMI channel master
+// gives up after twenty polls), a stuck MDX controller gives -11 and still releases the pins.
+TEST(PhyCommand, BusyUnitsTimeOut) {
+  expectSession({{"phy read 4 0 2", "reg value: 001c\n" + kOk}}, {{"KIVTOOL_SIM_PHY_BUSY", "999"}});
+  expectSession({{"smi channel get 3 0 2", "Page: 0x000 Reg: 2 value:0x001c\r\n" + kOk}},
+                {{"KIVTOOL_SIM_PHY_BUSY", "19"}});
+  expectSession({{"smi channel get 3 0 2", errnoLine(-1)}, {"smi channel set 3 0 2 1", errnoLine(-1)}},
+                {{"KIVTOOL_SIM_PHY_BUSY", "20"}});
+  expectSession({{"phy read 4 0 2", errnoLine(-1)},
+                 {"gphy readext 1 2", errnoLine(-1)},
+                 {"mmd read 1 1 2", "reg value: 0000\nMMD Over\n" + kOk},
+                 {"mdx get 5 4", errnoLine(-11)},
+                 {"reg get 0x640008", "[0x640008]=0x0010\n" + kOk}},
+                {{"KIVTOOL_SIM_PHY_BUSY", "-1"}, {"KIVTOOL_SIM_MDX_BUSY", "-1"}});
 }
 
 // The register accesses each command makes, in order and in number, as the adapter sees
