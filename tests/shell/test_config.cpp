@@ -29,10 +29,7 @@ std::string load(const std::string &content) {
 }
 
 TEST(ConfigFile, ValuesComeFromAFixedColumn) {
-  const struct {
-    const char *line;
-    unsigned iface, i2c, mdc;
-  } cases[] = {
+  const struct { const char *line; unsigned iface, i2c, mdc; } cases[] = {
       {"interface spi\n", 2, 4, 24},   {"interface smi\n", 1, 4, 24},  {"interface i2cfoo\n", 0, 4, 24},
       {"interface=spi\n", 2, 4, 24},   {"interface uart\n", 3, 4, 24}, {"interface  smi\n", 3, 4, 24},
       {"Interface smi\n", 3, 4, 24},   {"i2caddrid 9\n", 3, 1, 24},    {"i2caddrid 5\r\n", 3, 5, 24},
@@ -66,9 +63,6 @@ TEST(ConfigFile, DebugLevelGovernsTheMessagesOfLaterLines) {
   EXPECT_EQ(load("debug 3\nmdcaddrid 17" + std::string(300, 'z') + "\ninterface spi"),
             "mdcaddrid 17\r\nno match\r\ninterface spi\r\n");
   EXPECT_EQ(mdcaddrid, 17);
-  std::string junk(3000, '\0');
-  for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<char>(i * 37);
-  load(junk);
 }
 
 TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
@@ -81,10 +75,8 @@ TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
     EXPECT_EQ(kiv_buildPrompt(prompt, KIV_PROMPT_SIZE, line, term), 0);
     return std::string(prompt) + "|" + line;
   };
-  EXPECT_EQ(build("<HX5200/>", "reg read ", '?'), "<HX5200/> |reg read ");
   EXPECT_EQ(build("<HX5200/vlan>\tjunk", "vlan ", '\t'), "<HX5200/vlan> |vlan ");
-  EXPECT_EQ(build("<HX5200/>", "reg read ", 0), "<HX5200/> |");
-  EXPECT_EQ(build("<HX5200/>", "reg read ", 'x'), "<HX5200/> |");
+  EXPECT_EQ(build("<HX5200/>", "reg read ", 'x'), "<HX5200/> |");   // '?' and 0: see Tool.TerminalSession
   EXPECT_EQ(build("", "reg read ", '?'), " |");
   // Bounded: a long path fills the prompt buffer, a full output buffer the line.
   EXPECT_EQ(build(std::string(300, 'p'), std::string(KIV_OUTBUF_SIZE, 'o'), '\t'),

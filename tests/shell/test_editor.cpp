@@ -54,18 +54,8 @@ struct Loop {
 };
 
 std::string redrawn(const std::string &text) { return "\r" + P + text + ESC + "[J"; }
-
-std::string times(int n, const std::string &s) {
-  std::string out;
-  while (n-- > 0) out += s;
-  return out;
-}
-
-std::string letters(size_t n) {
-  std::string s;
-  while (s.size() < n) s.push_back(static_cast<char>('a' + s.size() % 26));
-  return s;
-}
+std::string times(int n, const std::string &s) { return n > 0 ? s + times(n - 1, s) : ""; }
+std::string letters(size_t n) { return n ? letters(n - 1) + static_cast<char>('a' + (n - 1) % 26) : ""; }
 
 // The rows `text` takes when wrapped at `width`.
 std::vector<std::string> wrapped(const std::string &text, size_t width) {
@@ -74,7 +64,7 @@ std::vector<std::string> wrapped(const std::string &text, size_t width) {
   return rows;
 }
 
-TEST(Editor, KeysWriteTheseBytes) {
+TEST(Editor, KeysWriteTheseBytesWithinAndAcrossRows) {
   Loop ed;
   // Left by 3 is three backspaces, by 4 an escape sequence.
   EXPECT_EQ(ed.read("abcd" + times(3, LEFT) + "\r"), P + "abcd\b\b\bbcd\r\n");
@@ -95,14 +85,22 @@ TEST(Editor, KeysWriteTheseBytes) {
   // unknown sequences ring the bell and ESC [ 5 ~ is eaten whole.
   EXPECT_EQ(ed.read(HOME + "\x7f" + END + DEL + "a\x03\x01" + ESC + "[5~" + ESC + "[Zb\r"), P + "a\a\ab\r\n");
   EXPECT_EQ(ed.report, "3|ab");
+  // The 70th character fills the row: the editor moves on with newline + backspace
+  // (the next character + backspace when redrawing); crossing rows goes up and across.
+  EXPECT_EQ(ed.read(std::string(75, 'a') + times(6, LEFT) + HOME + END + "\r"),
+            P + std::string(70, 'a') + "\r\n\b" + "aaaaa" + "\b\b\b\b\b" + ESC + "[1A" + ESC + "[79C" + ESC +
+                "[69D" + std::string(70, 'a') + "a\b" + "aaaaa" + "\r\n");
+  // At most 1022 characters; a Tab on a full line is ignored too.
+  ed.read(std::string(1030, 'k') + "\t\r");
+  EXPECT_EQ(ed.report, "1023|" + std::string(1022, 'k'));
   // A hung-up terminal is the end of input.
   ed.t.waitFor(P, ed.pos);
   EXPECT_EQ(ed.t.wait(true), 3);
 }
 
-TEST(Editor, TabAndQuestionMarkEndTheLineAndShapeTheHistory) {
+TEST(Editor, TabAndQuestionMarkEndTheLineHistoryKeepsFifteenLines) {
   Loop ed;
-  EXPECT_EQ(ed.read("\r"), P + "\r\n");
+  EXPECT_EQ(ed.read(UP + DOWN + "\r"), P + "\a\a\r\n");   // no history yet
   EXPECT_EQ(ed.report, "1|");
   EXPECT_EQ(ed.read("re\t"), P + "re");           // no echo, no newline
   EXPECT_EQ(ed.report, "4|re\t");
@@ -114,11 +112,7 @@ TEST(Editor, TabAndQuestionMarkEndTheLineAndShapeTheHistory) {
   // line, not the completion request.
   EXPECT_EQ(ed.read(times(3, UP) + "\r"), P + redrawn("a?") + redrawn("reg ") + "\a\r\n");
   EXPECT_EQ(ed.report, "5|reg ");
-}
 
-TEST(Editor, HistoryKeepsFifteenLines) {
-  Loop ed;
-  EXPECT_EQ(ed.read(UP + DOWN + "\r"), P + "\a\a\r\n");
   for (int i = 1; i <= 16; ++i) ed.read("l" + std::to_string(i) + "\r");
   // "l1" was pushed out: fifteen steps back reach "l2", the sixteenth rings.
   const std::string screen = ed.read(times(16, UP) + "\r");
@@ -132,55 +126,34 @@ TEST(Editor, HistoryKeepsFifteenLines) {
   EXPECT_EQ(ed.report, "4|xy!");
 }
 
-TEST(Editor, LongLinesWrapAtTheTerminalWidth) {
-  {
-    Loop ed(80);
-    // The 70th character fills the row: the editor moves on with newline + backspace
-    // (the next character + backspace when redrawing); crossing rows goes up and across.
-    EXPECT_EQ(ed.read(std::string(75, 'a') + times(6, LEFT) + HOME + END + "\r"),
-              P + std::string(70, 'a') + "\r\n\b" + "aaaaa" + "\b\b\b\b\b" + ESC + "[1A" + ESC + "[79C" + ESC +
-                  "[69D" + std::string(70, 'a') + "a\b" + "aaaaa" + "\r\n");
-    // At most 1022 characters; a Tab on a full line is ignored too.
-    ed.read(std::string(1030, 'k') + "\t\r");
-    EXPECT_EQ(ed.report, "1023|" + std::string(1022, 'k'));
-  }
-  const std::string text = letters(130);
-  for (size_t width : {80u, 40u}) {
-    Loop ed(static_cast<int>(width));
-    ed.t.waitFor(P);
-    ed.t.keys(text);
-    auto want = wrapped(P + text, width);
-    EXPECT_EQ(ed.t.rows(want), want);
-    EXPECT_EQ(ed.t.cursor(), std::make_pair(static_cast<int>(140 % width), static_cast<int>(140 / width)));
-    // Insert at the front: the whole line shifts across the rows.
-    ed.t.keys(HOME + "#");
-    want = wrapped(P + "#" + text, width);
-    EXPECT_EQ(ed.t.rows(want), want);
-    EXPECT_EQ(ed.t.cursor(), std::make_pair(11, 0));
-    ed.t.keys(END + "\r");
-    ed.read("");
-    EXPECT_EQ(ed.report, "132|#" + text);
-  }
-}
-
-TEST(Editor, ResizeRedrawsAtTheNewWidth) {
+// What the screen shows: a typed line across rows, the redraw at a new width, and an
+// insert at the front that shifts the whole line across the rows.
+TEST(Editor, ScreenAfterTypingResizingAndInserting) {
   Loop ed(80);
   const std::string text = letters(100);
   ed.pos = ed.t.waitFor(P);
   ed.t.keys(text + LEFT + LEFT);
   ASSERT_NE(ed.t.waitFor(text.substr(70) + "\b\b", ed.pos), std::string::npos);
+  auto want = wrapped(P + text, 80);
+  EXPECT_EQ(ed.t.rows(want), want);
+  EXPECT_EQ(ed.t.cursor(), std::make_pair(28, 1));
   ed.t.resize(40);
   // Two rows up (108 columns at width 40), then prompt and line wrapped at 40, and back
   // to the cursor.
   const std::string redraw = ESC + "[2A\r" + P + text.substr(0, 30) + text[30] + "\b" + text.substr(30, 40) +
                              text[70] + "\b" + text.substr(70) + ESC + "[J\b\b";
   EXPECT_NE(ed.t.waitFor(redraw, ed.pos), std::string::npos) << ed.t.output();
-  const auto want = wrapped(P + text, 40);
+  want = wrapped(P + text, 40);
   EXPECT_EQ(ed.t.rows(want), want);
   EXPECT_EQ(ed.t.cursor(), std::make_pair(28, 2));
-  ed.t.keys("!\r");
+  ed.t.keys("!" + HOME + "#");
+  const std::string line = "#" + text.substr(0, 98) + "!" + text.substr(98);
+  want = wrapped(P + line, 40);
+  EXPECT_EQ(ed.t.rows(want), want);
+  EXPECT_EQ(ed.t.cursor(), std::make_pair(11, 0));
+  ed.t.keys("\r");
   ed.read("");
-  EXPECT_EQ(ed.report, "102|" + text.substr(0, 98) + "!" + text.substr(98));
+  EXPECT_EQ(ed.report, "103|" + line);
 }
 
 }  // namespace
