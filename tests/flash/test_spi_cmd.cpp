@@ -138,8 +138,8 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   std::string err;
   // Calibration (its pattern sector) first, then whole 64 KiB blocks and the sectors of the rest.
   EXPECT_EQ(norm(b.run("spi update img.bin\n", {}, &err)),
-            fileHead("img.bin", 70077) + "g_SpiCH=1, spic_clk=12\n" + info("Sector Erase 64") + info("Block64K Erase 0") +
-                info("Sector Erase 16") + info("Sector Erase 17") +
+            fileHead("img.bin", 70077) + "g_SpiCH=1, spic_clk=12\n" + info("Sector Erase 64") +
+                info("Block64K Erase 0") + info("Sector Erase 16") + info("Sector Erase 17") +
                 "Image Length 70077\nMatched: Compare Image Length 70077\n" + kOk);
   EXPECT_EQ(err, "");   // no progress bar when stderr is not a terminal
   const std::string img = b.flash();
@@ -160,8 +160,9 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
 
   // Programming over data that was not erased shows in the check that follows.
   EXPECT_EQ(norm(b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n")),
-            fileHead("bad.bin", 70077) + "Image Length 1024\nImage not match between 0x001200 ~ 0x001300 !\n"
-                                         "First difference at 0x001234: file 0xa5, flash 0x00 (1 of 256 bytes differ)\n" + kOk);
+            fileHead("bad.bin", 70077) +
+                "Image Length 1024\nImage not match between 0x001200 ~ 0x001300 !\n"
+                "First difference at 0x001234: file 0xa5, flash 0x00 (1 of 256 bytes differ)\n" + kOk);
   const std::string out = b.run("spi erase sector 2 2\nspi pgwithbase bad.bin 0x10 0x2010 300\n");
   EXPECT_TRUE(out.ends_with("Image Length 300\nMatched: Compare Image Length 300\n" + kOk)) << out;
   EXPECT_EQ(b.flash()[0x2010 + 300], '\xFF');
@@ -174,7 +175,8 @@ TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
   b.put("fw_config.bin", file);
   const std::string erases = info("Sector Erase 6") + info("Sector Erase 7");
   std::string expected = erases;
-  for (int i = 1; i <= 32; ++i) expected += "\nupdate config complete: " + std::string(i < 10 ? "0" : "") + std::to_string(i);
+  for (int i = 1; i <= 32; ++i)
+    expected += "\nupdate config complete: " + std::string(i < 10 ? "0" : "") + std::to_string(i);
   EXPECT_EQ(norm(b.run("spi updatecfg fw_config.bin\n")), expected + "Image Length 8448\n" + kOk);
   const std::string img = b.flash();
   EXPECT_EQ(img.substr(0x6000, 0x2100), file.substr(0x6000, 0x2100));

@@ -78,7 +78,9 @@ Bytes flash_read(uint32_t addr, uint32_t len) {
   EXPECT_EQ(spi_flash_read(addr, b.data(), len), 0);
   return b;
 }
-void flash_program(uint32_t addr, const Bytes &b) { ASSERT_EQ(spi_flash_program(addr, b.data(), (uint32_t)b.size()), 0); }
+void flash_program(uint32_t addr, const Bytes &b) {
+  ASSERT_EQ(spi_flash_program(addr, b.data(), (uint32_t)b.size()), 0);
+}
 
 TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
   static_assert(spi_flash_addr_word(0x03, 0x123456) == 0x56341203);

@@ -67,7 +67,9 @@ TEST_F(MibApi, PortResetWritesTheClearWordsUnscaledEnableSetsEveryPort) {
 struct Got {
   uint32_t mbr = 0xDEAD, untag = 0xDEAD, stateful = 0xDEAD;
   uint8_t fid = 0xEE, ulfid = 0xEE, vbfwd = 0xEE, ifId = 0xEE, ifValid = 0xEE;
-  int32_t get(uint32_t vid) { return hxk_vlan_get(vid, &mbr, &untag, &stateful, &fid, &ulfid, &vbfwd, &ifId, &ifValid); }
+  int32_t get(uint32_t vid) {
+    return hxk_vlan_get(vid, &mbr, &untag, &stateful, &fid, &ulfid, &vbfwd, &ifId, &ifValid);
+  }
 };
 
 TEST_F(VlanApi, SetAndGetCheckTheirArgumentsInOrder) {

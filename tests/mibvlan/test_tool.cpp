@@ -116,8 +116,9 @@ TEST(MibTool, SystemLagAndRoutingCountersThenClearOnePortAndAll) {
 // file before each pass. A zero link word takes every port down; the knob takes port 4.
 TEST(MibTool, MonitorsStopOnCrcErrorOrLinkDown) {
   const Session s = run_lines({portCtr(2, 27, 1), regSet(0x4A620000u, 0x1234), regSet(0x4A000200u, 0x55),
-                               portCtr(1, 29, 2), "mib sread 2 1", "mib dread 1 1 1 0x100", "mib dread 1 1 0 0x4A620000",
-                               "mib dread 4 1 0 0", "reg set 0x94804 0", "mib sread 3 2", "mib sread 4 3", "mib sread 8 3"},
+                               portCtr(1, 29, 2), "mib sread 2 1", "mib dread 1 1 1 0x100",
+                               "mib dread 1 1 0 0x4A620000", "mib dread 4 1 0 0", "reg set 0x94804 0",
+                               "mib sread 3 2", "mib sread 4 3", "mib sread 8 3"},
                               {{"KIVTOOL_SIM_LINKDOWN", "0x10"}});
   const std::string out = s.res.out;
   EXPECT_HAS(out,
@@ -194,7 +195,8 @@ TEST(VlanTool, PortSettingsMulticastModeAndRetagging) {
                                "vlan mode multicast set 1 1 17", "vlan mode multicast set 2 0x101 3",
                                "vlan mode multicast get", "reg get 0x4A4B0000",
                                "vlan egretag set status all enable", "vlan egretag init", "vlan egretag get status all",
-                               "vlan igretag set entry 5 10 20 0x3 1", "vlan igretag get entry 5", "vlan egretag get entry 5",
+                               "vlan igretag set entry 5 10 20 0x3 1", "vlan igretag get entry 5",
+                               "vlan egretag get entry 5",
                                "vlan igretag set entry 32 1 2 3 1", "vlan igretag set status 16 enable",
                                "vlan igretag get entry all"});
   const std::string out = s.res.out;
@@ -213,7 +215,9 @@ TEST(VlanTool, PortSettingsMulticastModeAndRetagging) {
   EXPECT_HAS(out,
              "Look up table using FID    :1(Yes)\r\nLook up table using Fix FID:1(Yes)\r\n"
              "                    Fix FID:16\r\nSuccess!!\nIncorrect Multicast fid value.\r\nErrno : -1\n");
-  EXPECT_HAS(out, "Look up table using FID    :0(No)\r\nLook up table using Fix FID:1(Yes)\r\n                    Fix FID:3\r\n");
+  EXPECT_HAS(out,
+             "Look up table using FID    :0(No)\r\nLook up table using Fix FID:1(Yes)\r\n"
+             "                    Fix FID:3\r\n");
   EXPECT_HAS(out, "[0x4A4B0000]=0x340000\n");
   // Retagging: init leaves the status of ports 10 and 11 only; entries and their bounds.
   std::string status;
