@@ -57,6 +57,10 @@ std::array<uint8_t, kHeader + kMaxAddrBlock + kMaxData + kTrailer> g_in;
 
 uint8_t g_devnum = 0;  // bus address of the open adapter, for the capture
 
+// Outcome of the last usbio_open(): its cause code and the device node it tried.
+int g_openCause = ENOENT;
+std::array<char, 64> g_openNode{};
+
 // ---- time ------------------------------------------------------------------------------------
 timespec now(clockid_t clk) {
   timespec ts{};
@@ -245,24 +249,38 @@ void smi_line_spare() {}
 
 usb_dev_handle *usbio_open(void) {
   const usb_ops_t *ops = usb_ops_get();
+  g_openCause = ENOENT;
+  g_openNode[0] = '\0';
   ops->init();
   ops->find_busses();
   ops->find_devices();
   for (usb_bus *bus = ops->get_busses(); bus; bus = bus->next) {
     for (struct usb_device *dev = bus->devices; dev; dev = dev->next) {
       if (dev->descriptor.idVendor != USBIO_VID || dev->descriptor.idProduct != USBIO_PID) continue;
+      snprintf(g_openNode.data(), g_openNode.size(), "/dev/bus/usb/%.8s/%.8s", bus->dirname, dev->filename);
+      errno = 0;
       usb_dev_handle *h = ops->open(dev);
-      if (!h) return nullptr;
-      if (ops->claim_interface(h, kIface) != 0) {
+      if (!h) {
+        g_openCause = errno ? errno : EACCES;
+        return nullptr;
+      }
+      const int rc = ops->claim_interface(h, kIface);
+      if (rc != 0) {
         ops->close(h);
+        g_openCause = rc < 0 ? -rc : EIO;
         return nullptr;
       }
       g_devnum = dev->devnum;
+      g_openCause = 0;
       return h;
     }
   }
   return nullptr;
 }
+
+int usbio_open_cause(void) { return g_openCause; }
+
+const char *usbio_open_node(void) { return g_openNode.data(); }
 
 int usbio_close(usb_dev_handle *h, int iface) {
   if (!h) return 1;

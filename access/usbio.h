@@ -36,6 +36,11 @@ extern usb_dev_handle *usbio_handle;       // program-wide adapter handle, null 
 extern uint8_t usbio_flash_param;          // parameter byte of the flash-write commands (15)
 
 usb_dev_handle *usbio_open(void);
+// Why the last usbio_open() gave no handle: 0 when it opened one, ENOENT when no adapter is
+// on the bus, otherwise the errno of the failed open or interface claim (EACCES, EPERM,
+// EBUSY, ENODEV, ...). usbio_open_node() names the adapter's device node ("" when none).
+int usbio_open_cause(void);
+const char *usbio_open_node(void);
 int usbio_close(usb_dev_handle *h, int iface);
 void usbio_connect(void);
 void usbio_event(int code);
