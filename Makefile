@@ -5,7 +5,8 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 SIM_DIR    ?= $(CURDIR)/.kivsim
 
 DEB_PACKAGES = g++ cmake make pkg-config libusb-dev libgtest-dev googletest \
-               libbenchmark-dev tmux tshark clang libclang-rt-14-dev
+               libbenchmark-dev tmux tshark clang libclang-rt-14-dev \
+               umockdev libumockdev-dev libumockdev0
 
 .PHONY: all deps build run test sanitize bench fuzz clean
 

@@ -111,3 +111,15 @@ void sim_detach(void) {
   g_board.attached = false;
   g_board.dir.clear();
 }
+
+int sim_adapter_out(const uint8_t *bytes, size_t size) {
+  if (!sim::attached() || sim::bus_unplugged()) return -ENODEV;
+  return sim::adapter_out(bytes, size);
+}
+
+int sim_adapter_in(uint8_t *bytes, size_t size) {
+  if (!sim::attached() || sim::bus_unplugged()) return -ENODEV;
+  return sim::adapter_in(bytes, size);
+}
+
+bool sim_adapter_unplugged(void) { return sim::bus_unplugged(); }

@@ -71,7 +71,7 @@ void width_notice(uint32_t addr, uint32_t width) {
 }
 
 uint32_t take_write_width(uint32_t addr) {
-  if (!g_width.pending || g_width.addr24 != (addr & 0xFFFFFF)) return 4;
+  if (!g_width.pending || g_width.addr24 != (addr & 0xFFFFFF)) return 0;
   g_width.pending = false;
   return g_width.width;
 }

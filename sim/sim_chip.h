@@ -32,7 +32,8 @@ void store_set(uint64_t key, uint32_t value);
 uint32_t chip_read(uint32_t addr);
 void chip_write(uint32_t addr, uint32_t value);
 
-// Access width announced by the tool for the next write (1, 2 or 4), consumed by it.
+// Access width announced by the tool for the next write (1, 2 or 4), consumed by it;
+// 0 when nothing was announced for this address (a tool on the real-USB path announces nothing).
 uint32_t take_write_width(uint32_t addr);
 
 // MDIO bus as the adapter's SMI side sees it.

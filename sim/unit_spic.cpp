@@ -163,6 +163,19 @@ void push_data(uint32_t value, uint32_t width) {
   for (uint32_t i = 0; i < width && g.txLen < g.tx.size(); ++i) g.tx[g.txLen++] = (uint8_t)(value >> (8 * i));
 }
 
+bool program_opcode(uint8_t op) { return op == 0x02 || op == 0x32 || op == 0x38; }
+
+// Width of a data-register write nobody announced (a tool reaching the board through real
+// USB has no listener for the notice). The tool sends the first byte of a transaction as a
+// whole word exactly when it is an addressed opcode (opcode and 24-bit address in one word),
+// page data as words, and everything else (opcode-only commands, status bytes, the dummy
+// byte of a fast read) as single bytes. A page program's 1-3 tail bytes cannot be told from
+// data words and are taken as words.
+uint32_t unannounced_width(uint32_t value) {
+  if (g.txLen == 0) return addressed((uint8_t)value) ? 4 : 1;
+  return program_opcode(g.tx[0]) ? 4 : 1;
+}
+
 uint32_t pop_word() {
   uint32_t v = 0;
   for (uint32_t i = 0; i < 4; ++i) {
@@ -217,7 +230,8 @@ bool spic_read(uint32_t addr, uint32_t &value) {
 bool spic_write(uint32_t addr, uint32_t value) {
   switch (addr) {
     case kData:
-      push_data(value, take_write_width(addr));
+      if (const uint32_t width = take_write_width(addr)) push_data(value, width);
+      else push_data(value, unannounced_width(value));
       return true;
     case kEnable:
       store_set(kEnable, value);

@@ -1,6 +1,7 @@
 #include "run_tool.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -68,6 +69,8 @@ ToolResult run_tool(const ToolRun &run) {
     dup2(errPipe[1], 2);
     for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) close(fd);
     if (chdir(cwd.c_str()) != 0) _exit(126);
+    if (run.uid >= 0 && (setgroups(0, nullptr) != 0 || setgid((gid_t)run.uid) != 0 || setuid((uid_t)run.uid) != 0))
+      _exit(125);
     unsetenv("KIVTOOL_SIM");
     unsetenv("KIVTOOL_SIM_FAULTS");
     unsetenv("KIVTOOL_PCAP");
@@ -89,7 +92,26 @@ ToolResult run_tool(const ToolRun &run) {
   close(outPipe[1]);
   close(errPipe[1]);
   signal(SIGPIPE, SIG_IGN);
-  size_t written = 0;
+  // The input still to go, one line at a time when the run waits between lines.
+  std::vector<std::string> lines;
+  if (run.beforeLine) {
+    for (size_t at = 0; at < run.input.size();) {
+      const size_t nl = run.input.find('\n', at);
+      const size_t end = nl == std::string::npos ? run.input.size() : nl + 1;
+      lines.push_back(run.input.substr(at, end - at));
+      at = end;
+    }
+  } else {
+    lines.push_back(run.input);
+  }
+  size_t line = 0, written = 0;
+  bool released = true;   // the current line may be written
+  auto closings = [&res] {
+    size_t n = 0;
+    for (const char *mark : {"Success!!", "Errno :"})
+      for (size_t at = res.out.find(mark); at != std::string::npos; at = res.out.find(mark, at + 1)) ++n;
+    return n;
+  };
   if (run.input.empty()) {
     close(inPipe[1]);
     inPipe[1] = -1;
@@ -103,7 +125,11 @@ ToolResult run_tool(const ToolRun &run) {
     int n = 0;
     if (outOpen) fds[n++] = {outPipe[0], POLLIN, 0};
     if (errOpen) fds[n++] = {errPipe[0], POLLIN, 0};
-    if (inPipe[1] >= 0) fds[n++] = {inPipe[1], POLLOUT, 0};
+    if (inPipe[1] >= 0 && !released && closings() >= line) {
+      run.beforeLine(line);
+      released = true;
+    }
+    if (inPipe[1] >= 0 && released) fds[n++] = {inPipe[1], POLLOUT, 0};
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
     if (left <= 0) {
       res.timedOut = true;
@@ -114,9 +140,14 @@ ToolResult run_tool(const ToolRun &run) {
     for (int i = 0; i < n; i++) {
       if (!fds[i].revents) continue;
       if (fds[i].fd == inPipe[1]) {
-        ssize_t w = write(inPipe[1], run.input.data() + written, run.input.size() - written);
+        const std::string &text = lines[line];
+        ssize_t w = write(inPipe[1], text.data() + written, text.size() - written);
         if (w > 0) written += (size_t)w;
-        if (w < 0 || written == run.input.size()) {
+        if (w >= 0 && written == text.size() && line + 1 < lines.size()) {
+          ++line;
+          written = 0;
+          released = false;
+        } else if (w < 0 || written == text.size()) {
           close(inPipe[1]);
           inPipe[1] = -1;
         }

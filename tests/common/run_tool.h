@@ -2,6 +2,7 @@
 // what it prints. Used by the black-box tests.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +21,10 @@ struct ToolRun {
   std::string cwd;                                        // working directory (default: a fresh temp dir)
   int timeoutMs = 20000;
   bool sim = true;                                        // set KIVTOOL_SIM=<cwd>/sim unless env has it
+  int uid = -1;                                           // run as this user (needs root), -1: as we are
+  // When set, `input` goes in one line at a time: line i (from 1) is written once standard
+  // output holds i closing lines ("Success!!" or "Errno :"), right after beforeLine(i) ran.
+  std::function<void(size_t)> beforeLine;
 };
 
 ToolResult run_tool(const ToolRun &run);

@@ -1,0 +1,214 @@
+// The unmodified tool with the real libusb-0.1, against the simulated board served at the
+// kernel's usbfs interface. Every script is also run on the in-process board
+// (KIVTOOL_SIM): standard output must match byte for byte and the captured USB payloads
+// must be the same, so the two paths are one board seen through two boundaries.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+
+#include "../access/pcap_reader.h"
+#include "usbfs_bed.h"
+
+namespace {
+
+struct Script {
+  std::vector<std::string> args;   // one-shot words, or
+  std::string input;               // piped lines
+  std::string cfg;                 // kivcfg.txt
+  std::string faults;              // KIVTOOL_SIM_FAULTS
+  std::vector<std::pair<std::string, std::string>> files;
+  // Board knobs: the flash's busy time counts status polls only, so that both runs see
+  // the same polls whatever their speed.
+  std::vector<std::pair<std::string, std::string>> knobs = {{"KIVTOOL_SIM_FLASH_WIP_MS", "0"}};
+  std::string cwd;                 // shared by the two runs of a comparison (same file times)
+};
+
+struct Seen {
+  ToolResult res;
+  std::vector<std::vector<uint8_t>> payloads;   // every captured transfer that carried data
+  std::string flash;                            // the board's flash image afterwards
+  std::string served;                           // usbfs: the adapter node the board answered for
+  std::vector<std::string> claimed;             // usbfs: nodes whose interface 0 was claimed
+};
+
+// The working directory with the script's files. Their times are set once, the access time
+// ahead of the status change time, so that reading a file leaves its times as they are.
+std::string prepare(Script &s) {
+  if (!s.cwd.empty()) return s.cwd;
+  s.cwd = make_temp_dir("realusb");
+  if (!s.cfg.empty()) write_file(s.cwd + "/kivcfg.txt", s.cfg);
+  const time_t now = time(nullptr);
+  const timespec times[2] = {{now + 3600, 0}, {now - 120, 0}};
+  for (const auto &[name, content] : s.files) {
+    write_file(s.cwd + "/" + name, content);
+    utimensat(AT_FDCWD, (s.cwd + "/" + name).c_str(), times, 0);
+  }
+  return s.cwd;
+}
+
+// Each run has its own board and capture, named by `tag`.
+ToolRun tool_run(const Script &s, const std::string &tag) {
+  ToolRun r;
+  r.args = s.args;
+  r.input = s.input;
+  r.cwd = s.cwd;
+  r.timeoutMs = 60000;
+  r.env.emplace_back("KIVTOOL_PCAP", s.cwd + "/" + tag + ".pcap");
+  return r;
+}
+
+void collect(Seen &seen, const Script &s, const std::string &tag) {
+  std::vector<UsbRecord> recs;
+  EXPECT_TRUE(read_pcap(s.cwd + "/" + tag + ".pcap", recs)) << "capture of " << tag;
+  for (const UsbRecord &r : recs)
+    if (!r.data.empty()) seen.payloads.push_back(r.data);
+  seen.flash = read_file(s.cwd + "/" + tag + "/flash.bin");
+}
+
+Seen on_sim(Script &s) {
+  prepare(s);
+  ToolRun r = tool_run(s, "sim");
+  r.env.emplace_back("KIVTOOL_SIM", s.cwd + "/sim");
+  if (!s.faults.empty()) r.env.emplace_back("KIVTOOL_SIM_FAULTS", s.faults);
+  for (const auto &k : s.knobs) r.env.push_back(k);
+  Seen seen;
+  seen.res = run_tool(r);
+  collect(seen, s, "sim");
+  return seen;
+}
+
+void plug_decoy_then_adapter(UsbfsBed &bed) {
+  bed.plug_unrelated();
+  bed.plug_decoy();
+  bed.plug_adapter();
+}
+
+// The board reads its faults and knobs from the environment when it is attached, as the
+// tool does; this process sets them around the attach.
+struct BoardEnv {
+  std::vector<std::string> names;
+  explicit BoardEnv(const Script &s) {
+    auto set = [this](const std::string &k, const std::string &v) {
+      setenv(k.c_str(), v.c_str(), 1);
+      names.push_back(k);
+    };
+    if (!s.faults.empty()) set("KIVTOOL_SIM_FAULTS", s.faults);
+    for (const auto &[k, v] : s.knobs) set(k, v);
+  }
+  ~BoardEnv() {
+    for (const std::string &k : names) unsetenv(k.c_str());
+  }
+};
+
+Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup = {}) {
+  prepare(s);
+  BoardEnv env(s);
+  UsbfsBed bed(s.cwd + "/usbfs");
+  ToolRun r = tool_run(s, "usbfs");
+  if (setup) setup(bed, r);
+  else plug_decoy_then_adapter(bed);
+  Seen seen;
+  seen.res = bed.run(r);
+  EXPECT_GT(bed.ioctls_served(), 0u) << "the tool never reached the usbfs bed";
+  seen.served = bed.adapter_node();
+  seen.claimed = bed.claimed_nodes();
+  collect(seen, s, "usbfs");
+  return seen;
+}
+
+std::string hex(const std::vector<uint8_t> &v) {
+  std::string out;
+  char b[4];
+  for (size_t i = 0; i < v.size() && i < 48; ++i) {
+    snprintf(b, sizeof b, "%02x ", v[i]);
+    out += b;
+  }
+  return out + (v.size() > 48 ? "..." : "");
+}
+
+void expect_same(const Seen &usbfs, const Seen &sim, const std::string &what) {
+  EXPECT_FALSE(usbfs.res.timedOut) << what;
+  EXPECT_EQ(usbfs.res.status, sim.res.status) << what;
+  EXPECT_EQ(usbfs.res.out, sim.res.out) << what << "\nstderr: " << usbfs.res.err;
+  EXPECT_EQ(usbfs.payloads.size(), sim.payloads.size()) << what;
+  for (size_t i = 0; i < std::min(usbfs.payloads.size(), sim.payloads.size()); ++i) {
+    if (usbfs.payloads[i] == sim.payloads[i]) continue;
+    ADD_FAILURE() << what << ": transfer " << i << " differs: usbfs " << hex(usbfs.payloads[i]) << ", in-process "
+                  << hex(sim.payloads[i]);
+    break;
+  }
+}
+
+Seen compare(Script s, const std::string &what) {
+  auto t0 = std::chrono::steady_clock::now();
+  Seen sim = on_sim(s);
+  auto t1 = std::chrono::steady_clock::now();
+  Seen usbfs = on_usbfs(s);
+  auto t2 = std::chrono::steady_clock::now();
+  fprintf(stderr, "%s: sim %lld ms usbfs %lld ms\n", what.c_str(), (long long)std::chrono::duration_cast<std::chrono::milliseconds>(t1-t0).count(), (long long)std::chrono::duration_cast<std::chrono::milliseconds>(t2-t1).count());
+  expect_same(usbfs, sim, what);
+  return usbfs;
+}
+
+class RealUsb : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!usbfs_bed_available(why)) FAIL() << why;
+  }
+};
+
+// ---- discovery ----------------------------------------------------------------------------
+
+TEST_F(RealUsb, FindsTheAdapterBehindAnUnrelatedDeviceAndTheDecoy) {
+  Script s;
+  s.input = "reg set 0x4A180048 0x1234abcd\nreg get 0x4A180048\nreg chgpage current\n";
+  const Seen seen = compare(s, "decoy ahead");
+  EXPECT_NE(seen.res.out.find("=0x1234ABCD"), std::string::npos) << seen.res.out;
+  EXPECT_EQ(seen.res.out.find("not match"), std::string::npos) << "the chip check failed:\n" << seen.res.out;
+}
+
+TEST_F(RealUsb, WithTwoAdaptersTheFirstInBusOrderIsUsed) {
+  Script s;
+  s.args = {"reg", "get", "0x103ff0"};
+  const Seen sim = on_sim(s);
+  const Seen usbfs = on_usbfs(s, [](UsbfsBed &bed, ToolRun &) {
+    bed.plug_decoy();
+    bed.plug_adapter();
+    bed.plug_adapter();
+  });
+  expect_same(usbfs, sim, "two adapters");
+  ASSERT_FALSE(usbfs.served.empty());
+  EXPECT_EQ(usbfs.claimed, std::vector<std::string>{usbfs.served});
+}
+
+// ---- transfers per interface ------------------------------------------------------------
+
+TEST_F(RealUsb, RegisterReadAndWriteOnEachInterface) {
+  for (const char *iface : {"i2c", "smi", "spi"}) {
+    Script s;
+    s.cfg = std::string("interface ") + iface + "\n";
+    s.input = "reg set 0x4A180048 0x00a5005a\nreg get 0x4A180048\nreg set 0x4A180048 0xffffffff\n"
+              "reg get 0x4A180048\nreg chgpage axi\nreg get 0x103ff0\n";
+    const Seen seen = compare(s, iface);
+    EXPECT_NE(seen.res.out.find("=0xFFFFFFFF"), std::string::npos) << iface << "\n" << seen.res.out;
+  }
+}
+
+TEST_F(RealUsb, BurstReadAndASmallImageUpdateThenVerify) {
+  std::string image(1100, '\0');
+  for (size_t i = 0; i < image.size(); ++i) image[i] = (char)(i * 7 + 3);
+  Script s;
+  s.files = {{"img.bin", image}};
+  s.input = "reg set 0x4A180050 0x77\nreg getburst 0x4A180048 3\nspi update img.bin\nspi verify img.bin\n";
+  const Seen seen = compare(s, "burst and update");
+  EXPECT_NE(seen.res.out.find("Matched"), std::string::npos) << seen.res.out;
+  EXPECT_EQ(seen.flash.substr(0, image.size()), image);
+}
+
+}  // namespace

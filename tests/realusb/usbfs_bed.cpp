@@ -1,0 +1,391 @@
+#include "usbfs_bed.h"
+
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "sim/sim.h"
+
+namespace {
+
+// Device descriptor, configuration, interface 0 and the bulk endpoints 0x02 / 0x81.
+std::string descriptors_hex(uint16_t vid, uint16_t pid) {
+  const uint8_t d[] = {
+      18, 1, 0x00, 0x02, 0xFF, 0, 0, 64, (uint8_t)vid, (uint8_t)(vid >> 8), (uint8_t)pid, (uint8_t)(pid >> 8),
+      0x00, 0x01, 0, 0, 0, 1,                          // device
+      9, 2, 32, 0, 1, 1, 0, 0x80, 50,                  // configuration 1, 32 bytes in all
+      9, 4, 0, 0, 2, 0xFF, 0, 0, 0,                    // interface 0, vendor class, 2 endpoints
+      7, 5, 0x02, 2, 64, 0, 0,                         // bulk OUT 0x02
+      7, 5, 0x81, 2, 64, 0, 0,                         // bulk IN 0x81
+  };
+  std::string hex;
+  char b[3];
+  for (uint8_t v : d) {
+    snprintf(b, sizeof b, "%02X", v);   // umockdev wants upper case
+    hex += b;
+  }
+  return hex;
+}
+
+std::string preload_path() { return std::string(KIV_UMOCKDEV_LIBDIR) + "/libumockdev-preload.so.0"; }
+
+}  // namespace
+
+bool usbfs_bed_available(std::string &why) {
+  if (access(preload_path().c_str(), R_OK) == 0) return true;
+  why = "umockdev's preload library " + preload_path() +
+        " is missing: install the Debian packages umockdev, libumockdev-dev and libumockdev0 (make deps)";
+  return false;
+}
+
+// One submitted URB, kept until the tool reaps it.
+struct Urb {
+  UMockdevIoctlData *urb = nullptr;   // the client's struct usbdevfs_urb (local copy)
+  UMockdevIoctlData *buf = nullptr;   // its buffer
+  bool in = false;
+  bool done = false;
+};
+
+struct Node {
+  std::string syspath, devnode;
+  int devnum = 0;
+  bool adapter = false;  // 0x0C55:0x5731
+  bool served = false;   // the adapter the board answers for
+  size_t claims = 0;     // interface claims made on this node
+  bool gone = false;     // pulled: every ioctl of an open handle fails with ENODEV
+};
+
+struct UsbfsBedImpl {
+  UMockdevTestbed *tb = nullptr;
+  UMockdevIoctlBase *handler = nullptr;
+  std::mutex mu;
+  std::vector<Node> nodes;
+  std::map<UMockdevIoctlClient *, std::deque<Urb>> urbs;   // per open descriptor, in submit order
+  UsbfsBed::Claim claim = UsbfsBed::Claim::ok;
+  int nextDevnum = 2;
+  std::atomic<size_t> served{0};
+
+  Node *node_of(UMockdevIoctlClient *c) {
+    const char *dn = umockdev_ioctl_client_get_devnode(c);
+    for (Node &n : nodes)
+      if (dn && n.devnode == dn) return &n;
+    return nullptr;
+  }
+
+  // The board answers for the adapter that libusb-0.1 lists first: it reads the bus
+  // directory in readdir order and keeps that order on the first scan.
+  void choose_served() {
+    std::lock_guard<std::mutex> lock(mu);
+    for (const Node &n : nodes)
+      if (n.served) return;
+    gchar *root = umockdev_testbed_get_root_dir(tb);
+    const std::string dir = std::string(root) + "/dev/bus/usb/001";
+    g_free(root);
+    DIR *d = opendir(dir.c_str());
+    if (!d) return;
+    while (dirent *e = readdir(d)) {
+      for (Node &n : nodes) {
+        if (n.adapter && !n.gone && n.devnode == "/dev/bus/usb/001/" + std::string(e->d_name)) {
+          n.served = true;
+          closedir(d);
+          return;
+        }
+      }
+    }
+    closedir(d);
+  }
+
+  void plug(uint16_t vid, uint16_t pid, bool serve) {
+    const int num = nextDevnum++;
+    char text[1024];
+    const std::string hex = descriptors_hex(vid, pid);
+    snprintf(text, sizeof text,
+             "P: /devices/pci0000:00/0000:00:14.0/usb1/1-%d\n"
+             "N: bus/usb/001/%03d=%s\n"
+             "E: BUSNUM=001\nE: DEVNAME=/dev/bus/usb/001/%03d\nE: DEVNUM=%03d\n"
+             "E: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\n"
+             "A: busnum=1\nA: devnum=%d\nA: idVendor=%04x\nA: idProduct=%04x\n"
+             "H: descriptors=%s\n",
+             num, num, hex.c_str(), num, num, num, vid, pid, hex.c_str());
+    GError *err = nullptr;
+    if (!umockdev_testbed_add_from_string(tb, text, &err)) {
+      fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
+      g_clear_error(&err);
+      return;
+    }
+    Node n;
+    n.syspath = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-" + std::to_string(num);
+    char dev[64];
+    snprintf(dev, sizeof dev, "/dev/bus/usb/001/%03d", num);
+    n.devnode = dev;
+    n.devnum = num;
+    n.adapter = pid == 0x5731;
+    n.served = serve;
+    if (!umockdev_testbed_attach_ioctl(tb, n.devnode.c_str(), handler, &err)) {
+      fprintf(stderr, "usbfs bed: cannot attach to %s: %s\n", dev, err ? err->message : "?");
+      g_clear_error(&err);
+    }
+    std::lock_guard<std::mutex> lock(mu);
+    nodes.push_back(n);
+  }
+
+  // The served adapter leaves the bed (caller holds the lock).
+  void pull_locked() {
+    for (Node &n : nodes) {
+      if (!n.served || n.gone) continue;
+      n.gone = true;
+      umockdev_testbed_remove_device(tb, n.syspath.c_str());
+    }
+  }
+
+  // Moves what the board has to send into the oldest pending IN URB of this descriptor.
+  void feed_in(std::deque<Urb> &q, const Node &n) {
+    for (Urb &u : q) {
+      if (u.done || !u.in) continue;
+      if (!n.served || n.gone) return;   // nothing ever comes: the URB waits for its time-out
+      auto *urb = reinterpret_cast<usbdevfs_urb *>(u.urb->data);
+      const int r = sim_adapter_in(u.buf ? u.buf->data : nullptr, (size_t)urb->buffer_length);
+      if (r == 0) return;
+      urb->status = r < 0 ? r : 0;
+      urb->actual_length = r < 0 ? 0 : r;
+      u.done = true;
+      return;
+    }
+  }
+
+  void submit(UMockdevIoctlClient *c, UMockdevIoctlData *arg, Node &n) {
+    GError *err = nullptr;
+    UMockdevIoctlData *urbData = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), &err);
+    if (!urbData) {
+      g_clear_error(&err);
+      umockdev_ioctl_client_complete(c, -1, EFAULT);
+      return;
+    }
+    auto *urb = reinterpret_cast<usbdevfs_urb *>(urbData->data);
+    Urb u;
+    u.urb = urbData;
+    u.in = (urb->endpoint & 0x80) != 0;
+    if (urb->type != USBDEVFS_URB_TYPE_BULK || urb->buffer_length < 0 ||
+        (urb->endpoint != 0x02 && urb->endpoint != 0x81)) {
+      g_object_unref(urbData);
+      umockdev_ioctl_client_complete(c, -1, EINVAL);
+      return;
+    }
+    if (urb->buffer_length > 0) {
+      u.buf = umockdev_ioctl_data_resolve(urbData, offsetof(usbdevfs_urb, buffer), (gsize)urb->buffer_length, &err);
+      if (!u.buf) {
+        g_clear_error(&err);
+        g_object_unref(urbData);
+        umockdev_ioctl_client_complete(c, -1, EFAULT);
+        return;
+      }
+    }
+    if (!u.in) {
+      int r = urb->buffer_length;
+      if (n.served) r = sim_adapter_out(u.buf ? u.buf->data : nullptr, (size_t)urb->buffer_length);
+      if (r == -ENODEV || sim_adapter_unplugged()) {
+        if (n.served) pull_locked();
+        if (u.buf) g_object_unref(u.buf);
+        g_object_unref(urbData);
+        umockdev_ioctl_client_complete(c, -1, ENODEV);
+        return;
+      }
+      urb->status = r < 0 ? r : 0;
+      urb->actual_length = r < 0 ? 0 : r;
+      u.done = true;
+    }
+    urbs[c].push_back(u);
+    umockdev_ioctl_client_complete(c, 0, 0);
+  }
+
+  void reap(UMockdevIoctlClient *c, UMockdevIoctlData *arg, Node &n) {
+    std::deque<Urb> &q = urbs[c];
+    feed_in(q, n);
+    for (auto it = q.begin(); it != q.end(); ++it) {
+      if (!it->done) continue;
+      GError *err = nullptr;
+      UMockdevIoctlData *slot = umockdev_ioctl_data_resolve(arg, 0, sizeof(void *), &err);
+      if (!slot) {
+        g_clear_error(&err);
+        umockdev_ioctl_client_complete(c, -1, EFAULT);
+        return;
+      }
+      umockdev_ioctl_data_set_ptr(slot, 0, it->urb);
+      umockdev_ioctl_client_complete(c, 0, 0);
+      g_object_unref(slot);
+      if (it->buf) g_object_unref(it->buf);
+      g_object_unref(it->urb);
+      q.erase(it);
+      return;
+    }
+    umockdev_ioctl_client_complete(c, -1, n.gone ? ENODEV : EAGAIN);
+  }
+
+  void discard(UMockdevIoctlClient *c, UMockdevIoctlData *arg) {
+    const auto addr = arg->data_len >= (int)sizeof(gulong) ? *reinterpret_cast<gulong *>(arg->data) : 0;
+    for (Urb &u : urbs[c]) {
+      if (u.done || u.urb->client_addr != addr) continue;
+      auto *urb = reinterpret_cast<usbdevfs_urb *>(u.urb->data);
+      urb->status = -ENOENT;
+      urb->actual_length = 0;
+      u.done = true;
+      umockdev_ioctl_client_complete(c, 0, 0);
+      return;
+    }
+    umockdev_ioctl_client_complete(c, -1, EINVAL);
+  }
+
+  gboolean on_ioctl(UMockdevIoctlClient *c) {
+    std::lock_guard<std::mutex> lock(mu);
+    ++served;
+    Node *n = node_of(c);
+    UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(c);
+    const gulong req = umockdev_ioctl_client_get_request(c);
+    if (!n) {
+      umockdev_ioctl_client_complete(c, -1, ENODEV);
+      return TRUE;
+    }
+    if (n->gone) {
+      umockdev_ioctl_client_complete(c, -1, ENODEV);
+      return TRUE;
+    }
+    const bool adapter = n->served;
+    GError *err = nullptr;
+    switch (req) {
+      case USBDEVFS_CONNECTINFO: {
+        UMockdevIoctlData *ci = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_connectinfo), &err);
+        if (!ci) break;
+        auto *info = reinterpret_cast<usbdevfs_connectinfo *>(ci->data);
+        info->devnum = (unsigned)n->devnum;
+        info->slow = 0;
+        umockdev_ioctl_client_complete(c, 0, 0);
+        g_object_unref(ci);
+        return TRUE;
+      }
+      case USBDEVFS_CLAIMINTERFACE:
+        ++n->claims;
+        // A descriptor opened read-only gets EPERM for every usbfs request, as from the kernel.
+        if (adapter && claim == UsbfsBed::Claim::readOnlyNode) umockdev_ioctl_client_complete(c, -1, EPERM);
+        else if (adapter && claim == UsbfsBed::Claim::busy) umockdev_ioctl_client_complete(c, -1, EBUSY);
+        else umockdev_ioctl_client_complete(c, 0, 0);
+        return TRUE;
+      case USBDEVFS_RELEASEINTERFACE:
+        umockdev_ioctl_client_complete(c, 0, 0);
+        return TRUE;
+      case USBDEVFS_SUBMITURB:
+        submit(c, arg, *n);
+        return TRUE;
+      case USBDEVFS_REAPURBNDELAY:
+      case USBDEVFS_REAPURB:
+        reap(c, arg, *n);
+        return TRUE;
+      case USBDEVFS_DISCARDURB:
+        discard(c, arg);
+        return TRUE;
+      default:
+        umockdev_ioctl_client_complete(c, -1, ENOTTY);
+        return TRUE;
+    }
+    g_clear_error(&err);
+    umockdev_ioctl_client_complete(c, -1, EFAULT);
+    return TRUE;
+  }
+
+  void on_vanished(UMockdevIoctlClient *c) {
+    std::lock_guard<std::mutex> lock(mu);
+    auto it = urbs.find(c);
+    if (it == urbs.end()) return;
+    for (Urb &u : it->second) {
+      if (u.buf) g_object_unref(u.buf);
+      g_object_unref(u.urb);
+    }
+    urbs.erase(it);
+  }
+};
+
+namespace {
+gboolean handle_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *c, gpointer self) {
+  return static_cast<UsbfsBedImpl *>(self)->on_ioctl(c);
+}
+void client_vanished(UMockdevIoctlBase *, UMockdevIoctlClient *c, gpointer self) {
+  static_cast<UsbfsBedImpl *>(self)->on_vanished(c);
+}
+}  // namespace
+
+UsbfsBed::UsbfsBed(const std::string &boardDir) : d_(std::make_unique<UsbfsBedImpl>()) {
+  sim_attach(boardDir.c_str());
+  d_->tb = umockdev_testbed_new();
+  d_->handler = umockdev_ioctl_base_new();
+  g_signal_connect(d_->handler, "handle-ioctl", G_CALLBACK(handle_ioctl), d_.get());
+  g_signal_connect(d_->handler, "client-vanished", G_CALLBACK(client_vanished), d_.get());
+}
+
+UsbfsBed::~UsbfsBed() {
+  {
+    std::lock_guard<std::mutex> lock(d_->mu);
+    for (auto &[c, q] : d_->urbs)
+      for (Urb &u : q) {
+        if (u.buf) g_object_unref(u.buf);
+        g_object_unref(u.urb);
+      }
+    d_->urbs.clear();
+  }
+  g_object_unref(d_->tb);
+  g_object_unref(d_->handler);
+  sim_detach();
+}
+
+void UsbfsBed::plug_unrelated() { d_->plug(0x1D6B, 0x0104, false); }
+void UsbfsBed::plug_decoy() { d_->plug(0x0C55, 0x5730, false); }
+
+void UsbfsBed::plug_adapter() { d_->plug(0x0C55, 0x5731, false); }
+
+void UsbfsBed::unplug_adapter() {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  d_->pull_locked();
+}
+
+void UsbfsBed::replug_adapter() { d_->plug(0x0C55, 0x5731, true); }
+
+void UsbfsBed::set_claim(Claim c) {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  d_->claim = c;
+}
+
+std::string UsbfsBed::adapter_node() const {
+  d_->choose_served();
+  std::lock_guard<std::mutex> lock(d_->mu);
+  for (const Node &n : d_->nodes)
+    if (n.served && !n.gone) return n.devnode;
+  return {};
+}
+
+std::vector<std::string> UsbfsBed::claimed_nodes() const {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  std::vector<std::string> out;
+  for (const Node &n : d_->nodes)
+    if (n.claims) out.push_back(n.devnode);
+  return out;
+}
+
+size_t UsbfsBed::ioctls_served() const { return d_->served.load(); }
+
+ToolResult UsbfsBed::run(ToolRun r) {
+  d_->choose_served();
+  r.sim = false;
+  r.env.emplace_back("LD_PRELOAD", preload_path());
+  // A sanitizer build of the tool must accept a preload library ahead of its runtime.
+  r.env.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1:abort_on_error=1");
+  return run_tool(r);
+}

@@ -1,0 +1,54 @@
+// A USB bus at the kernel interface: umockdev fakes /sys and /dev/bus/usb for a child
+// process started under its preload library, and this bed serves the usbfs ioctls of the
+// adapter's device node from the simulated board (the same board KIVTOOL_SIM gives), so the
+// unmodified tool and the real libusb-0.1 run against it as against a plugged-in adapter.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "run_tool.h"
+
+struct UsbfsBedImpl;
+
+class UsbfsBed {
+ public:
+  // What the kernel answers for the adapter's interface claim.
+  enum class Claim { ok, busy, readOnlyNode };
+
+  // Attaches the board kept in `boardDir` (KIVTOOL_SIM_FAULTS is read from this process's
+  // environment at this moment, as the tool reads it at start-up).
+  explicit UsbfsBed(const std::string &boardDir);
+  ~UsbfsBed();
+  UsbfsBed(const UsbfsBed &) = delete;
+  UsbfsBed &operator=(const UsbfsBed &) = delete;
+
+  // Devices in the order they are plugged in (and numbered: 002, 003, ... on bus 001).
+  void plug_unrelated();   // a vendor-class device of another vendor
+  void plug_decoy();       // 0x0C55:0x5730, same vendor, other product
+  // An adapter 0x0C55:0x5731. The board answers for the one that comes first in bus order
+  // (the order libusb-0.1 walks); any other adapter takes commands and never answers.
+  void plug_adapter();
+  // Pulls the served adapter: its node leaves the bed and its open handles get ENODEV.
+  void unplug_adapter();
+  // Plugs the served adapter back, as a new device number.
+  void replug_adapter();
+
+  void set_claim(Claim c);
+  // Device node of the served adapter ("/dev/bus/usb/001/00N").
+  std::string adapter_node() const;
+  // Requests served so far (a run that made none never reached the bed).
+  size_t ioctls_served() const;
+  // Device nodes whose interface 0 was claimed at least once, in plug order.
+  std::vector<std::string> claimed_nodes() const;
+
+  // Runs build/kivtool under the bed: no KIVTOOL_SIM, the preload library, this bed's dirs.
+  ToolResult run(ToolRun r);
+
+ private:
+  std::unique_ptr<UsbfsBedImpl> d_;
+};
+
+// True when umockdev's preload library is installed; otherwise `why` names the packages.
+bool usbfs_bed_available(std::string &why);
