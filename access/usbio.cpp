@@ -291,10 +291,29 @@ int usbio_close(usb_dev_handle *h, int iface) {
   return 0;
 }
 
+// The adapter is on the bus but cannot be used: one line on standard error names the cause
+// and the fix. The console messages of the failed accesses that follow stay as they are.
+static void report_unusable_adapter() {
+  const int cause = usbio_open_cause();
+  if (cause == EACCES || cause == EPERM)
+    fprintf(stderr,
+            "kivtool: %s: permission denied: this user may not open the USB I/O adapter for writing; "
+            "install udev/60-kivtool.rules (README, \"Using a real adapter\") and plug the adapter in again\n",
+            usbio_open_node());
+  else if (cause == EBUSY)
+    fprintf(stderr,
+            "kivtool: %s: the USB I/O adapter is in use by another program (interface 0 is claimed); "
+            "close that program, then reconnect (set i2cid %u)\n",
+            usbio_open_node(), i2caddrid);
+}
+
 void usbio_connect(void) {
   if (usbio_handle) usbio_close(usbio_handle, kIface);
   usbio_handle = usbio_open();
-  if (!usbio_handle) return;
+  if (!usbio_handle) {
+    report_unusable_adapter();
+    return;
+  }
   // The device address byte takes the whole id shifted left: an id above 7 (possible
   // through `set i2cid`) reaches the bits above the 0xA0 pattern.
   const uint8_t i2cDevice = static_cast<uint8_t>(0xA0 | (i2caddrid << 1));

@@ -268,6 +268,8 @@ int kivshell_main(int argc, char **argv) {
     puts("kivshell: cannot open /dev/null");
     return -1;
   }
+  // A log or a pipe gets whole lines as they are made, in step with standard error.
+  if (!isatty(STDOUT_FILENO)) setvbuf(stdout, nullptr, _IOLBF, 0);
   if (applyEnvironment() != 0) {
     close(devNull);
     return 1;

@@ -1,22 +1,39 @@
 #include "usbfs_bed.h"
 
+#include <dirent.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
-#include <dirent.h>
 #include <sys/stat.h>
-#include <umockdev.h>
 #include <unistd.h>
+#ifndef KIV_UMOCKDEV_MISSING
+#include <umockdev.h>
+#endif
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <atomic>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <mutex>
 
 #include "sim/sim.h"
 
+namespace {
+
+std::string preload_path() { return std::string(KIV_UMOCKDEV_LIBDIR) + "/libumockdev-preload.so.0"; }
+
+}  // namespace
+
+bool usbfs_bed_available(std::string &why) {
+  if (access(preload_path().c_str(), R_OK) == 0) return true;
+  why = "umockdev's preload library " + preload_path() +
+        " is missing: install the Debian packages umockdev, libumockdev-dev and libumockdev0 (make deps)";
+  return false;
+}
+
+#ifndef KIV_UMOCKDEV_MISSING
 namespace {
 
 // Device descriptor, configuration, interface 0 and the bulk endpoints 0x02 / 0x81.
@@ -38,16 +55,7 @@ std::string descriptors_hex(uint16_t vid, uint16_t pid) {
   return hex;
 }
 
-std::string preload_path() { return std::string(KIV_UMOCKDEV_LIBDIR) + "/libumockdev-preload.so.0"; }
-
 }  // namespace
-
-bool usbfs_bed_available(std::string &why) {
-  if (access(preload_path().c_str(), R_OK) == 0) return true;
-  why = "umockdev's preload library " + preload_path() +
-        " is missing: install the Debian packages umockdev, libumockdev-dev and libumockdev0 (make deps)";
-  return false;
-}
 
 // One submitted URB, kept until the tool reaps it.
 struct Urb {
@@ -84,9 +92,9 @@ struct UsbfsBedImpl {
   }
 
   // The board answers for the adapter that libusb-0.1 lists first: it reads the bus
-  // directory in readdir order and keeps that order on the first scan.
-  void choose_served() {
-    std::lock_guard<std::mutex> lock(mu);
+  // directory in readdir order and keeps that order on the first scan. Chosen when the
+  // tool first reaches the bed, so every adapter plugged before it counts (caller locks).
+  void choose_served_locked() {
     for (const Node &n : nodes)
       if (n.served) return;
     gchar *root = umockdev_testbed_get_root_dir(tb);
@@ -249,6 +257,7 @@ struct UsbfsBedImpl {
   gboolean on_ioctl(UMockdevIoctlClient *c) {
     std::lock_guard<std::mutex> lock(mu);
     ++served;
+    choose_served_locked();
     Node *n = node_of(c);
     UMockdevIoctlData *arg = umockdev_ioctl_client_get_arg(c);
     const gulong req = umockdev_ioctl_client_get_request(c);
@@ -361,11 +370,16 @@ void UsbfsBed::replug_adapter() { d_->plug(0x0C55, 0x5731, true); }
 void UsbfsBed::set_claim(Claim c) {
   std::lock_guard<std::mutex> lock(d_->mu);
   d_->claim = c;
+  // A node without write permission: libusb-0.1 falls back to opening it read-only.
+  gchar *root = umockdev_testbed_get_root_dir(d_->tb);
+  for (const Node &n : d_->nodes)
+    if (n.adapter) chmod((std::string(root) + n.devnode).c_str(), c == Claim::readOnlyNode ? 0444 : 0644);
+  g_free(root);
 }
 
 std::string UsbfsBed::adapter_node() const {
-  d_->choose_served();
   std::lock_guard<std::mutex> lock(d_->mu);
+  d_->choose_served_locked();
   for (const Node &n : d_->nodes)
     if (n.served && !n.gone) return n.devnode;
   return {};
@@ -382,10 +396,19 @@ std::vector<std::string> UsbfsBed::claimed_nodes() const {
 size_t UsbfsBed::ioctls_served() const { return d_->served.load(); }
 
 ToolResult UsbfsBed::run(ToolRun r) {
-  d_->choose_served();
+  if (r.uid >= 0) {
+    // Another user reaches the bed: its directories open and its sockets writable.
+    gchar *root = umockdev_testbed_get_root_dir(d_->tb);
+    std::error_code ec;
+    std::filesystem::permissions(root, std::filesystem::perms(0755), ec);
+    for (const auto &e : std::filesystem::recursive_directory_iterator(std::string(root) + "/ioctl", ec))
+      if (e.is_socket(ec)) std::filesystem::permissions(e.path(), std::filesystem::perms(0777), ec);
+    g_free(root);
+  }
   r.sim = false;
   r.env.emplace_back("LD_PRELOAD", preload_path());
   // A sanitizer build of the tool must accept a preload library ahead of its runtime.
   r.env.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1:abort_on_error=1");
   return run_tool(r);
 }
+#endif
