@@ -12,6 +12,7 @@
 #include <functional>
 
 #include "../access/pcap_reader.h"
+#include "access/usbio.h"
 #include "usbfs_bed.h"
 
 #ifdef KIV_UMOCKDEV_MISSING
@@ -303,6 +304,16 @@ TEST_F(RealUsb, InterfaceClaimedByAnotherProgram) {
 // refused with EPERM. Root ignores file modes, so root runs the tool as "nobody".
 TEST_F(RealUsb, NodeThisUserMayNotWrite) {
   check_unusable(UsbfsBed::Claim::readOnlyNode, "permission denied", geteuid() == 0 ? 65534 : -1);
+}
+
+// The shipped udev rule names the adapter the tool looks for.
+TEST(RealUsbRule, MatchesTheAdapterTheToolOpens) {
+  const std::string rule = read_file(std::string(KIV_SOURCE_DIR) + "/udev/60-kivtool.rules");
+  char ids[96];
+  snprintf(ids, sizeof ids, "ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\"", USBIO_VID, USBIO_PID);
+  EXPECT_NE(rule.find(ids), std::string::npos) << rule;
+  EXPECT_NE(rule.find("TAG+=\"uaccess\""), std::string::npos);
+  EXPECT_NE(rule.find("MODE=\"0660\", GROUP=\"plugdev\""), std::string::npos);
 }
 
 }  // namespace
