@@ -9,7 +9,7 @@
 #include <string>
 
 #include "run_tool.h"
-#include "usbfs_bed.h"
+#include "sim/usbfs/usbfs_bed.h"
 
 namespace {
 
@@ -38,7 +38,9 @@ Cost measure(bool usbfs, int reads) {
     UsbfsBed bed(dir + "/board");
     bed.plug_decoy();
     bed.plug_adapter();
-    res = bed.run(r);
+    r.sim = false;
+    r.env = bed.child_env(false);
+    res = run_tool(r);
   } else {
     r.env.emplace_back("KIVTOOL_SIM", dir + "/board");
     res = run_tool(r);

@@ -13,7 +13,8 @@
 
 #include "../access/pcap_reader.h"
 #include "access/usbio.h"
-#include "usbfs_bed.h"
+#include "run_tool.h"
+#include "sim/usbfs/usbfs_bed.h"
 
 #ifdef KIV_UMOCKDEV_MISSING
 TEST(RealUsb, NeedsUmockdev) {
@@ -95,6 +96,13 @@ void plug_decoy_then_adapter(UsbfsBed &bed) {
   bed.plug_adapter();
 }
 
+// Runs build/kivtool under the bed: no KIVTOOL_SIM, the bed's environment.
+ToolResult run_on(UsbfsBed &bed, ToolRun r) {
+  r.sim = false;
+  for (auto &kv : bed.child_env(r.uid >= 0)) r.env.push_back(kv);
+  return run_tool(r);
+}
+
 // The board reads its faults and knobs from the environment when it is attached, as the
 // tool does; this process sets them around the attach.
 struct BoardEnv {
@@ -120,7 +128,7 @@ Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup
   if (setup) setup(bed, r);
   else plug_decoy_then_adapter(bed);
   Seen seen;
-  seen.res = bed.run(r);
+  seen.res = run_on(bed, r);
   EXPECT_GT(bed.ioctls_served(), 0u) << "the tool never reached the usbfs bed";
   seen.served = bed.adapter_node();
   seen.claimed = bed.claimed_nodes();

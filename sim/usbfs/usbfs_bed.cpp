@@ -1,13 +1,11 @@
-#include "usbfs_bed.h"
+#include "sim/usbfs/usbfs_bed.h"
 
 #include <dirent.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#ifndef KIV_UMOCKDEV_MISSING
 #include <umockdev.h>
-#endif
 
 #include <atomic>
 #include <cerrno>
@@ -33,7 +31,6 @@ bool usbfs_bed_available(std::string &why) {
   return false;
 }
 
-#ifndef KIV_UMOCKDEV_MISSING
 namespace {
 
 // Device descriptor, configuration, interface 0 and the bulk endpoints 0x02 / 0x81.
@@ -395,9 +392,8 @@ std::vector<std::string> UsbfsBed::claimed_nodes() const {
 
 size_t UsbfsBed::ioctls_served() const { return d_->served.load(); }
 
-ToolResult UsbfsBed::run(ToolRun r) {
-  if (r.uid >= 0) {
-    // Another user reaches the bed: its directories open and its sockets writable.
+std::vector<std::pair<std::string, std::string>> UsbfsBed::child_env(bool otherUser) {
+  if (otherUser) {
     gchar *root = umockdev_testbed_get_root_dir(d_->tb);
     std::error_code ec;
     std::filesystem::permissions(root, std::filesystem::perms(0755), ec);
@@ -405,10 +401,7 @@ ToolResult UsbfsBed::run(ToolRun r) {
       if (e.is_socket(ec)) std::filesystem::permissions(e.path(), std::filesystem::perms(0777), ec);
     g_free(root);
   }
-  r.sim = false;
-  r.env.emplace_back("LD_PRELOAD", preload_path());
-  // A sanitizer build of the tool must accept a preload library ahead of its runtime.
-  r.env.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1:abort_on_error=1");
-  return run_tool(r);
+  // A sanitizer build of the program must accept a preload library ahead of its runtime.
+  return {{"LD_PRELOAD", preload_path()},
+          {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1:abort_on_error=1"}};
 }
-#endif

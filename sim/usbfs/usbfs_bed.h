@@ -1,14 +1,14 @@
-// A USB bus at the kernel interface: umockdev fakes /sys and /dev/bus/usb for a child
-// process started under its preload library, and this bed serves the usbfs ioctls of the
-// adapter's device node from the simulated board (the same board KIVTOOL_SIM gives), so the
-// unmodified tool and the real libusb-0.1 run against it as against a plugged-in adapter.
+// The simulated board at the kernel interface: umockdev fakes /sys and /dev/bus/usb for a
+// child process started under its preload library, and this bed serves the usbfs ioctls of
+// the adapter's device node from the board (the same board KIVTOOL_SIM gives in-process),
+// so the unmodified tool and the real libusb-0.1 run against it as against a plugged-in
+// adapter. Built apart from the tool (it needs umockdev); the tests and benchmarks use it.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
-
-#include "run_tool.h"
 
 struct UsbfsBedImpl;
 
@@ -43,8 +43,10 @@ class UsbfsBed {
   // Device nodes whose interface 0 was claimed at least once, in plug order.
   std::vector<std::string> claimed_nodes() const;
 
-  // Runs build/kivtool under the bed: no KIVTOOL_SIM, the preload library, this bed's dirs.
-  ToolResult run(ToolRun r);
+  // The environment a program needs to run under the bed (the preload library; the bed's
+  // own directory is in this process's UMOCKDEV_DIR, which children inherit). With
+  // `otherUser` the bed's directories and sockets are opened to every user first.
+  std::vector<std::pair<std::string, std::string>> child_env(bool otherUser);
 
  private:
   std::unique_ptr<UsbfsBedImpl> d_;
