@@ -292,6 +292,14 @@ int32_t spi_flash_read_id(uint32_t *id) {
   return 0;
 }
 
+int32_t spi_flash_capacity(uint32_t *bytes) {
+  uint32_t id = 0;
+  TRY(spi_flash_read_id(&id));
+  const uint32_t code = (id >> 16) & 0xFF;
+  *bytes = code >= 0x10 && code <= 0x18 ? 1u << code : 1u << 24;
+  return 0;
+}
+
 int32_t spi_flash_write_status(uint8_t status, uint8_t config, bool twoBytes) {
   TRY(spi_flash_wait_idle());
   TRY(setup(0, 1, 1, cfg.sysDelay));

@@ -83,6 +83,9 @@ int32_t spi_flash_wait_wip(void);    // 11 at the poll limit
 int32_t spi_flash_read_status(uint8_t *status);
 int32_t spi_flash_read_config(uint8_t *config);
 int32_t spi_flash_read_id(uint32_t *id);   // bytes: manufacturer, device ID 0, device ID 1
+// Size of the flash in bytes from the capacity byte of its identification (2^n bytes, as
+// JEDEC parts report it); a code outside 64 KiB..16 MiB gives the whole 24-bit space.
+int32_t spi_flash_capacity(uint32_t *bytes);
 int32_t spi_flash_write_status(uint8_t status, uint8_t config, bool twoBytes);
 int32_t spi_flash_write_enable(void);    // 1 when the flash never gets ready or never latches
 int32_t spi_flash_write_disable(void);

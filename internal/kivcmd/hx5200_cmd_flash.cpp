@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -31,7 +33,6 @@ struct Outcome {
 
 constexpr const char *kDumpFile = "flash_copy.bin";
 constexpr uint32_t kDumpMax = 0x100000;
-constexpr uint64_t kFlashSpace = 0x1000000;   // what a 24-bit flash address reaches
 constexpr uint32_t kCfgOffset = 0x6000;
 constexpr uint32_t kCfgMax = 0x2000;
 
@@ -112,11 +113,39 @@ void print_file_info(const char *file) {
   printf("last status change time:%s\r\n", text(st.st_ctime, buf));
 }
 
-// Compares the file from its current position with the flash from flashAddr, 256 bytes at
-// a time, for at most `limit` bytes; goes on while a chunk of at least 16 bytes came from
-// the file. `total` only sizes the progress display. `detail` adds the first differing
-// byte to the mismatch report.
-int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, uint64_t total, bool detail) {
+// Where compared bytes come from: a file from its current position, or an image already
+// in memory.
+struct Source {
+  FILE *f = nullptr;
+  const char *name = "";
+  const uint8_t *mem = nullptr;
+  uint64_t memLen = 0;
+
+  // Up to `want` bytes into buf; -1 when the file cannot be read (said on stderr, with the
+  // system's reason).
+  long take(uint8_t *buf, size_t want) {
+    if (!f) {
+      const size_t n = (size_t)std::min<uint64_t>(want, memLen);
+      if (n) std::memcpy(buf, mem, n);
+      mem += n;
+      memLen -= n;
+      return (long)n;
+    }
+    errno = 0;
+    const size_t n = want ? std::fread(buf, 1, want, f) : 0;
+    if (n < want && std::ferror(f)) {
+      std::fprintf(stderr, "spi: cannot read %s: %s\n", name, std::strerror(errno ? errno : EIO));
+      return -1;
+    }
+    return (long)n;
+  }
+};
+
+// Compares the source with the flash from flashAddr, 256 bytes at a time, for at most
+// `limit` bytes; goes on while a chunk of at least 16 bytes came from the source. `total`
+// only sizes the progress display. `detail` adds the first differing byte to the mismatch
+// report. A source that cannot be read ends the comparison without a verdict.
+int32_t compare_image(Source &src, uint32_t flashAddr, uint64_t limit, uint64_t total, bool detail) {
   std::array<uint8_t, 256> fileBuf{}, flashBuf{};
   uint64_t compared = 0;
   Progress progress("verify", total);
@@ -124,7 +153,9 @@ int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, uint64_t tota
   do {
     uint64_t left = limit - compared;
     size_t want = left < fileBuf.size() ? (size_t)left : fileBuf.size();
-    n = want ? std::fread(fileBuf.data(), 1, want, f) : 0;
+    const long got = src.take(fileBuf.data(), want);
+    if (got < 0) return -1;
+    n = (size_t)got;
     if (spi_flash_read(flashAddr, flashBuf.data(), (uint32_t)n) != 0) return -1;
     if (std::memcmp(fileBuf.data(), flashBuf.data(), n) != 0) {
       progress.finish();
@@ -151,24 +182,91 @@ int32_t compare_image(FILE *f, uint32_t flashAddr, uint64_t limit, uint64_t tota
   return 0;
 }
 
-// Programs `len` bytes from the file's current position at flashAddr, one flash page at a
-// time. Returns the result of the first failing step; *done counts the bytes programmed.
-int32_t program_from_file(FILE *f, uint32_t flashAddr, uint64_t len, uint64_t *done, const char *what) {
-  std::array<uint8_t, 256> buf{};
-  Progress progress(what, len);
+// Programs an image held in memory at flashAddr, one flash page at a time. Returns the
+// result of the first failing step; *done counts the bytes programmed.
+int32_t program_image(const std::vector<uint8_t> &img, uint32_t flashAddr, uint64_t *done, const char *what) {
+  Progress progress(what, img.size());
   *done = 0;
-  while (*done < len) {
-    uint32_t at = (uint32_t)(flashAddr + *done);
-    uint64_t room = 256 - (at & 0xFF);
-    size_t want = (size_t)(len - *done < room ? len - *done : room);
-    size_t n = std::fread(buf.data(), 1, want, f);
-    if (n == 0) break;
-    int32_t rc = spi_flash_program(at, buf.data(), (uint32_t)n);
+  while (*done < img.size()) {
+    const uint32_t at = (uint32_t)(flashAddr + *done);
+    const uint32_t n = (uint32_t)std::min<uint64_t>(img.size() - *done, 256 - (at & 0xFF));
+    int32_t rc = spi_flash_program(at, img.data() + *done, n);
     if (rc != 0) return rc;
     *done += n;
     progress.update(*done);
   }
   return 0;
+}
+
+// Reads what is to be programmed at `base`: at most `len` bytes of `file` from `offset`, up
+// to its end. Everything is checked before the flash is touched: the file must be a regular
+// file, it must read in full (no read error, nothing missing against the size it reports),
+// and what it gives must fit the flash (its size from the identification) from `base`.
+// A refusal is reported and gives false; nothing has been erased or programmed then.
+bool read_image(const char *file, uint64_t offset, uint64_t len, uint32_t base, std::vector<uint8_t> &img) {
+  uint32_t capacity = 0;
+  const int32_t rc = spi_flash_capacity(&capacity);
+  if (rc != 0) {
+    printf("Cannot identify the flash (code %d), nothing written\n", (int)rc);
+    return false;
+  }
+  const uint64_t room = base < capacity ? capacity - base : 0;
+  auto tooLarge = [&](uint64_t n) {
+    printf("Image of %llu bytes does not fit the %u KiB flash from 0x%06x, nothing written\n", (unsigned long long)n,
+           capacity >> 10, base);
+    return false;
+  };
+  auto failed = [file](const char *what, int err) {
+    printf("File %s: %s: %s, nothing written\n", file, what, std::strerror(err));
+    return false;
+  };
+  // Checked before opening: opening a FIFO would wait for a writer.
+  struct stat st{};
+  if (stat(file, &st) != 0) return failed("cannot read", errno);
+  if (!S_ISREG(st.st_mode)) {
+    printf("File %s is not a regular file, nothing written\n", file);
+    return false;
+  }
+  const uint64_t size = (uint64_t)st.st_size;
+  const uint64_t expected = size > offset ? std::min(size - offset, len) : 0;
+  if (expected > room) return tooLarge(expected);
+
+  FILE *f = std::fopen(file, "rb");
+  if (!f) return failed("cannot open", errno);
+  FileCloser closer{f};
+  if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+    printf("File %s is not a regular file, nothing written\n", file);
+    return false;
+  }
+  if (offset && std::fseek(f, (long)offset, SEEK_SET) != 0) return failed("cannot seek", errno);
+  // To its end, not to the size it reports (files of /proc report none): one byte past the
+  // room shows that it does not fit.
+  const uint64_t most = std::min(len, room + 1);
+  constexpr size_t kStep = 0x10000;
+  img.clear();
+  size_t got = 0;
+  while (got < most) {
+    const size_t want = (size_t)std::min<uint64_t>(most - got, kStep);
+    img.resize(got + want);
+    errno = 0;
+    const size_t n = std::fread(img.data() + got, 1, want, f);
+    const int err = errno;
+    got += n;
+    if (n < want && std::ferror(f)) {
+      char what[64];
+      std::snprintf(what, sizeof what, "read error after %zu bytes", got);
+      return failed(what, err ? err : EIO);
+    }
+    if (n < want) break;
+  }
+  img.resize(got);
+  if (got > room) return tooLarge(got);
+  if (got < expected) {
+    printf("File %s: only %zu of %llu bytes could be read, nothing written\n", file, got,
+           (unsigned long long)expected);
+    return false;
+  }
+  return true;
 }
 
 // ---- subcommands ---------------------------------------------------------------------
@@ -343,7 +441,8 @@ Outcome sub_verify(void **argv) {
   FileCloser closer{f};
   struct stat st{};
   uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
-  return {compare_image(f, 0, UINT64_MAX, size, false)};
+  Source src{f, file};
+  return {compare_image(src, 0, UINT64_MAX, size, false)};
 }
 
 Outcome sub_verifywithbase(void **argv) {
@@ -353,7 +452,8 @@ Outcome sub_verifywithbase(void **argv) {
   if (!f) return {-1};
   FileCloser closer{f};
   if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
-  return {compare_image(f, flashStart, len, len, false)};
+  Source src{f, file};
+  return {compare_image(src, flashStart, len, len, false)};
 }
 
 // Makes the flash writable before the configuration area is rewritten.
@@ -383,8 +483,13 @@ Outcome sub_updatecfg(void **argv) {
       ++percent;
       printf("\nupdate config complete: %02d", (int)percent);
     }
+    errno = 0;
     size_t n = std::fread(buf.data(), 1, buf.size(), f);
-    if (n == 0) break;
+    if (n < buf.size() && std::ferror(f)) {
+      std::fprintf(stderr, "spi: cannot read %s: %s\n", file, std::strerror(errno ? errno : EIO));
+      rc = -1;
+    }
+    if (n == 0 || rc != 0) break;
     rc = spi_flash_program(written, buf.data(), (uint32_t)n);
     if (rc != 0) break;
     written += (uint32_t)n;
@@ -442,26 +547,19 @@ Outcome sub_update(void **argv) {
   const char *file = cmd_nextStr(argv);
   if (!file_accessible(file)) return {-1};
   print_file_info(file);
+  std::vector<uint8_t> img;
+  if (!read_image(file, 0, UINT64_MAX, 0, img)) return {-1};
   if (!prepare_for_image()) return {-1, true};
 
-  FILE *f = open_image(file);
-  if (!f) return {-1};
-  FileCloser closer{f};
-  struct stat st{};
-  const uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
-  if (size > kFlashSpace) {
-    printf("Image of %llu bytes does not fit the flash\n", (unsigned long long)size);
-    return {-1};
-  }
   spi_flash_clear_protect();
-  int32_t rc = erase_for_image(size);
+  int32_t rc = erase_for_image(img.size());
   if (rc != 0) return {rc};
   uint64_t done = 0;
-  rc = program_from_file(f, 0, size, &done, "update");
+  rc = program_image(img, 0, &done, "update");
   printf("Image Length %d\n", (int)done);
   if (rc != 0) return {rc};
-  std::rewind(f);
-  return {compare_image(f, 0, done, done, true)};
+  Source src{nullptr, file, img.data(), img.size()};
+  return {compare_image(src, 0, done, done, true)};
 }
 
 Outcome sub_pgwithbase(void **argv) {
@@ -469,21 +567,15 @@ Outcome sub_pgwithbase(void **argv) {
   uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
   if (!file_accessible(file)) return {-1};
   print_file_info(file);
-  if ((uint64_t)flashStart + len > kFlashSpace) {
-    printf("Range 0x%x + 0x%x is past the flash address space\n", flashStart, len);
-    return {-1};
-  }
-  FILE *f = open_image(file);
-  if (!f) return {-1};
-  FileCloser closer{f};
-  if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
+  std::vector<uint8_t> img;
+  if (!read_image(file, fileStart, len, flashStart, img)) return {-1};
   uint64_t done = 0;
-  int32_t rc = program_from_file(f, flashStart, len, &done, "program");
+  int32_t rc = program_image(img, flashStart, &done, "program");
   printf("Image Length %d\n", (int)done);
   if (rc != 0) return {rc};
   // Programming only clears bits: a range that was not erased shows up here.
-  std::fseek(f, fileStart, SEEK_SET);
-  return {compare_image(f, flashStart, done, done, true)};
+  Source src{nullptr, file, img.data(), img.size()};
+  return {compare_image(src, flashStart, done, done, true)};
 }
 
 Outcome not_supported(const char *word) {

@@ -2,6 +2,8 @@
 // compared byte for byte, the flash image checked in the board's state directory.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <regex>
 #include <string>
 #include <utility>
@@ -167,6 +169,58 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   EXPECT_TRUE(out.ends_with("Image Length 300\nMatched: Compare Image Length 300\n" + kOk)) << out;
   EXPECT_EQ(b.flash()[0x2010 + 300], '\xFF');
   EXPECT_EQ(b.run("spi pg0861flash img.bin 1 1\n"), "g_SpiCH=1, spic_clk=12\nspi pg0861flash: not supported\n" + kOk);
+}
+
+// Nothing reaches the flash (no calibration, no erase) unless the whole image was read and
+// fits: each refusal follows the file report, and the image stays byte for byte.
+TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstErase) {
+  Bench b;
+  const std::string before = pattern(4u << 20, 9);
+  ASSERT_EQ(mkdir((b.cwd + "/sim").c_str(), 0755), 0);
+  b.put("sim/flash.bin", before);
+  b.put("small.bin", pattern(5000, 10));
+  b.put("big.bin", std::string(5u << 20, '\0'));
+  b.put("huge.bin", std::string(17u << 20, '\0'));
+  ASSERT_EQ(mkdir((b.cwd + "/dir").c_str(), 0755), 0);
+  ASSERT_EQ(mkfifo((b.cwd + "/fifo").c_str(), 0644), 0);
+  // Kernel files: /proc/self/mem fails to read at 0 even for root; a sysfs file reports
+  // 4096 bytes and gives fewer, as a file truncated while it is read does.
+  const std::string sysfs = "/sys/kernel/mm/transparent_hugepage/enabled";
+  struct Case {
+    std::string line, file, refusal;
+  };
+  std::vector<Case> cases = {
+      {"spi update dir", "dir", "File dir is not a regular file"},
+      {"spi pgwithbase fifo 0 0 16", "fifo", "File fifo is not a regular file"},
+      {"spi update /proc/self/mem", "/proc/self/mem",
+       "File /proc/self/mem: read error after 0 bytes: Input/output error"},
+      {"spi update big.bin", "big.bin", "Image of 5242880 bytes does not fit the 4096 KiB flash from 0x000000"},
+      {"spi update huge.bin", "huge.bin", "Image of 17825792 bytes does not fit the 4096 KiB flash from 0x000000"},
+      {"spi pgwithbase small.bin 0 0x3FF000 5000", "small.bin",
+       "Image of 5000 bytes does not fit the 4096 KiB flash from 0x3ff000"},
+      {"spi pgwithbase small.bin 100 0xFFFFFF00 1", "small.bin",
+       "Image of 1 bytes does not fit the 4096 KiB flash from 0xffffff00"},
+  };
+  struct stat st{};
+  if (stat(sysfs.c_str(), &st) == 0 && st.st_size == 4096)
+    cases.push_back({"spi update " + sysfs, sysfs,
+                     "File " + sysfs + ": only " + std::to_string(read_file(sysfs).size()) + " of 4096 bytes could be read"});
+  std::string input, expected;
+  for (const Case &c : cases) {
+    input += c.line + "\n";
+    ASSERT_EQ(stat((c.file[0] == '/' ? c.file : b.cwd + "/" + c.file).c_str(), &st), 0) << c.file;
+    expected += fileHead(c.file, (size_t)st.st_size) + c.refusal + ", nothing written\n" + kOk;
+  }
+  // Verify commands say why they stopped instead of matching what they could read.
+  input += "spi verify dir\nspi verifywithbase /proc/self/mem 0 0 16\n";
+  std::string err;
+  EXPECT_EQ(norm(b.run(input, {}, &err)), expected + kOk + kOk);
+  EXPECT_EQ(err, "spi: cannot read dir: Is a directory\nspi: cannot read /proc/self/mem: Input/output error\n");
+  EXPECT_TRUE(b.flash() == before);
+
+  // The specified order of updatecfg stays (erase first), and a read error still shows.
+  EXPECT_EQ(norm(b.run("spi updatecfg dir\n", {}, &err)), info("Sector Erase 6") + info("Sector Erase 7") + "Image Length 0\n" + kOk);
+  EXPECT_EQ(err, "spi: cannot read dir: Is a directory\n");
 }
 
 TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
