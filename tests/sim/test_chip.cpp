@@ -3,12 +3,17 @@
 // state that survives detaching, damage, SIGKILL and the end of a tool run.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "access/access.h"
@@ -172,23 +177,44 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
   EXPECT_EQ(sim_attach(""), nullptr);
   EXPECT_EQ(sim::state_dir(), nullptr);
 
-  // A run killed outright keeps every completed write: the store is a shared mapping.
+  // A run killed outright keeps every completed write: the store is a shared mapping. Here
+  // it is killed while the store grows (stopped while the copy exists, so in the middle of
+  // it); the next attach removes the copy and finds every insert that was done.
   const std::string killed = make_temp_dir("kivsim");
+  const int watch = inotify_init1(IN_CLOEXEC);
+  ASSERT_GE(watch, 0);
+  ASSERT_GE(inotify_add_watch(watch, killed.c_str(), IN_CREATE), 0);
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     if (!sim_attach(killed.c_str())) _exit(3);
     sim::chip_write(0x4A000070, 0x70707070);
-    for (uint32_t i = 0; i < 5000; ++i) sim::store_set(sim::key(9, i), ~i);
-    kill(getpid(), SIGKILL);
+    for (uint32_t i = 0; i < (1u << 21); ++i) sim::store_set(sim::key(9, i), ~i);
     _exit(4);
   }
+  const std::string copy = killed + "/regs.bin.new";
+  int growths = 0;
+  bool caught = false;
+  for (pollfd pfd{watch, POLLIN, 0}; !caught && poll(&pfd, 1, 10000) == 1;) {
+    alignas(inotify_event) char events[4096];
+    if (read(watch, events, sizeof events) <= 0 || ++growths < 5) continue;   // small tables copy at once
+    kill(pid, SIGSTOP);
+    caught = access(copy.c_str(), F_OK) == 0;
+    kill(pid, caught ? SIGKILL : SIGCONT);
+  }
+  close(watch);
+  if (!caught) kill(pid, SIGKILL);
   int st = 0;
   ASSERT_EQ(waitpid(pid, &st, 0), pid);
-  ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+  ASSERT_TRUE(caught && WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
   Board b(killed);
+  EXPECT_NE(access(copy.c_str(), F_OK), 0);
   EXPECT_EQ(b.rd(0x70), 0x70707070u);
-  EXPECT_EQ(sim::store_get(sim::key(9, 4999)), ~4999u);
+  uint32_t done = 0;
+  while (sim::store_get(sim::key(9, done)) == ~done) ++done;
+  EXPECT_GE(done, (1u << 14) - 16);   // the fifth growth: 16384 entries and more
+  EXPECT_EQ(sim::store_get(sim::key(9, done + 1)), 0u);
+  EXPECT_LT(sim::store_count() - done, 16u);   // the inserts, the chip's own registers
 }
 
 // The board under the real tool: registers and page carried from one run to the next, the
@@ -218,4 +244,38 @@ TEST(Chip, ToolRunsShareTheBoard) {
             "HX5200_USB_I2C_WRITE_NEW_1482 \033[1;31;40m kivshell: USBIO device Not Found. Only be available for "
             "offline test! \033[0m \nErrno : -2\n");
   EXPECT_EQ(run({"reg", "get", "0x40"}), "[0x0040]=0x0000\nSuccess!!\n");
+}
+
+// Two runs on one board at once, each writing thousands of registers of its own (the store
+// grows twice under the other), then a third run reads every one back. The board stays on
+// page 0, so neither run's start-up (which visits page 0) moves the other's writes.
+TEST(Chip, ConcurrentRunsLoseNoWrite) {
+  std::array<ToolRun, 2> runs;
+  runs[0].cwd = runs[1].cwd = make_temp_dir("kivsim");
+  runs[0].args = {"reg", "chgpage", "0"};
+  ASSERT_EQ(run_tool(runs[0]).status, 0);
+  runs[0].args.clear();
+  std::string reads, expected;
+  for (uint32_t p = 0; p < 2; ++p) {
+    for (uint32_t i = 0; i < 3000; ++i) {
+      char line[96];
+      const uint32_t addr = 0x200000 + (p << 16) + i * 4, value = p << 16 | (i + 1);
+      std::snprintf(line, sizeof line, "reg set 0x%X 0x%X\n", addr, value);
+      runs[p].input += line;
+      std::snprintf(line, sizeof line, "reg get 0x%X\n", addr);
+      reads += line;
+      std::snprintf(line, sizeof line, "[0x%4.4X]=0x%4.4X\nSuccess!!\n", addr, value);
+      expected += line;
+    }
+  }
+  std::array<ToolResult, 2> res;
+  std::thread other([&] { res[1] = run_tool(runs[1]); });
+  res[0] = run_tool(runs[0]);
+  other.join();
+  for (const ToolResult &r : res) EXPECT_TRUE(!r.timedOut && r.status == 0 && r.err.empty()) << r.err;
+  runs[0].input = reads;
+  const std::string out = run_tool(runs[0]).out;
+  const size_t at = out.find(kSdkLine);
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_TRUE(out.substr(at + std::string(kSdkLine).size()) == expected);
 }
