@@ -57,6 +57,10 @@ struct Editor {
 
 Editor ed;
 volatile sig_atomic_t g_resizePending = 0;
+volatile sig_atomic_t g_rawActive = 0;   // raw mode, as the ending-signal handler sees it
+
+// Signals that end the process by default and may come while the terminal is raw.
+constexpr std::array<int, 3> kEndingSignals = {SIGTERM, SIGHUP, SIGQUIT};
 
 void bell() { putchar(kBell); }
 
@@ -246,8 +250,30 @@ void installResizeHandler() {
   followWidth(false);
 }
 
+// The process ends on one of kEndingSignals: a raw terminal gets its settings back first
+// (at once: output held by the terminal must not keep the process alive), then the signal
+// takes its default course, which the handler's one-shot installation has restored.
+void onEndingSignal(int sig) {
+  if (g_rawActive) tcsetattr(0, TCSANOW, &ed.saved);
+  raise(sig);
+}
+
+// Installed once, for the signals whose default action is in force (an ignored one, as under
+// nohup, stays ignored).
+void installEndingHandlers() {
+  struct sigaction sa {};
+  sa.sa_handler = onEndingSignal;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESETHAND | SA_NODEFER;
+  for (int sig : kEndingSignals) {
+    struct sigaction prev {};
+    if (sigaction(sig, nullptr, &prev) == 0 && prev.sa_handler == SIG_DFL) sigaction(sig, &sa, nullptr);
+  }
+}
+
 void restoreTerminal() {
   if (ed.flags & kFlagRawMode) {
+    g_rawActive = 0;
     tcsetattr(0, TCSAFLUSH, &ed.saved);
     ed.flags &= ~kFlagRawMode;
   }
@@ -358,6 +384,8 @@ int kiv_readLine(char *line, signed char lastTerminator) {
   if (tcgetattr(0, &ed.saved) == 0) {
     ed.raw = ed.saved;
     ed.raw.c_lflag &= ~kRawClearedLocalFlags;
+    if (!(ed.flags & kFlagCleanupRegistered)) installEndingHandlers();
+    g_rawActive = 1;
     tcsetattr(0, TCSAFLUSH, &ed.raw);
     ed.flags |= kFlagRawMode;
   }

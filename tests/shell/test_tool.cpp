@@ -2,6 +2,8 @@
 // main loop in front of the command engine, and a session on a terminal.
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <string>
 
 #include "run_tool.h"
@@ -87,6 +89,21 @@ TEST(Tool, TerminalSession) {
   EXPECT_EQ(t.wait(), 0) << t.output();
   EXPECT_FALSE(read_file(t.dir + "/before").empty());
   EXPECT_EQ(read_file(t.dir + "/before"), read_file(t.dir + "/after"));
+}
+
+// A signal that ends the tool at the prompt, where the terminal is raw, leaves `stty -a` as
+// it was (an ignored hang-up, as the harness has, would stay ignored: it is reset here).
+TEST(Tool, EndingSignalsAtThePromptRestoreTheTerminal) {
+  for (const int sig : {SIGTERM, SIGHUP, SIGQUIT}) {
+    Term t("export KIVTOOL_SIM=sim K=" + quoted(KIVTOOL_PATH) + "; ulimit -c 0; stty -a > before; " +
+           "env --default-signal=HUP sh -c 'echo $$ > pid; exec \"$K\"'; echo $? > code; stty -a > after");
+    ASSERT_NE(t.waitFor("<HX5200/> "), std::string::npos) << t.output();
+    ASSERT_EQ(kill(std::atoi(read_file(t.dir + "/pid").c_str()), sig), 0);
+    t.wait();
+    EXPECT_EQ(std::atoi(read_file(t.dir + "/code").c_str()), 128 + sig);
+    EXPECT_FALSE(read_file(t.dir + "/before").empty());
+    EXPECT_EQ(read_file(t.dir + "/before"), read_file(t.dir + "/after")) << sig;
+  }
 }
 
 }  // namespace
