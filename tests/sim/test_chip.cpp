@@ -155,13 +155,11 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
     b.wr(0x000020, 0xFEEDC0DE);
     b.wr(0xFFFF01, 0x42);
     sim::mdio_write(5, 7, 0x7777);
-    for (uint32_t i = 0; i < 20000; ++i) sim::store_set(sim::key(7, i), i + 1);  // the store grows
     b.detach();
     b.attach();
     EXPECT_EQ(b.rd(0xFFFF01), 0x42u);
     EXPECT_EQ(sim::chip_read(0x4A000020), 0xFEEDC0DEu);
     EXPECT_EQ(sim::mdio_read(5, 7), 0x7777);
-    for (uint32_t i = 0; i < 20000; i += 997) ASSERT_EQ(sim::store_get(sim::key(7, i)), i + 1);
     EXPECT_STREQ(sim::state_dir(), dir.c_str());
   }
   const std::string damaged = make_temp_dir("kivsim");
@@ -180,22 +178,19 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
   // A run killed outright keeps every completed write: the store is a shared mapping. Here
   // it is killed while the store grows (stopped while the copy exists, so in the middle of
   // it); the next attach removes the copy and finds every insert that was done.
-  const std::string killed = make_temp_dir("kivsim");
+  const std::string killed = make_temp_dir("kivsim"), copy = killed + "/regs.bin.new";
   const int watch = inotify_init1(IN_CLOEXEC);
-  ASSERT_GE(watch, 0);
   ASSERT_GE(inotify_add_watch(watch, killed.c_str(), IN_CREATE), 0);
   const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
   if (pid == 0) {
     if (!sim_attach(killed.c_str())) _exit(3);
     sim::chip_write(0x4A000070, 0x70707070);
     for (uint32_t i = 0; i < (1u << 21); ++i) sim::store_set(sim::key(9, i), ~i);
     _exit(4);
   }
-  const std::string copy = killed + "/regs.bin.new";
-  int growths = 0;
   bool caught = false;
-  for (pollfd pfd{watch, POLLIN, 0}; !caught && poll(&pfd, 1, 10000) == 1;) {
+  pollfd pfd{watch, POLLIN, 0};
+  for (int growths = 0; !caught && poll(&pfd, 1, 10000) == 1;) {
     alignas(inotify_event) char events[4096];
     if (read(watch, events, sizeof events) <= 0 || ++growths < 5) continue;   // small tables copy at once
     kill(pid, SIGSTOP);
@@ -203,22 +198,20 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
     kill(pid, caught ? SIGKILL : SIGCONT);
   }
   close(watch);
-  if (!caught) kill(pid, SIGKILL);
+  kill(pid, SIGKILL);
   int st = 0;
-  ASSERT_EQ(waitpid(pid, &st, 0), pid);
-  ASSERT_TRUE(caught && WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+  ASSERT_TRUE(waitpid(pid, &st, 0) == pid && caught && WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
   Board b(killed);
   EXPECT_NE(access(copy.c_str(), F_OK), 0);
   EXPECT_EQ(b.rd(0x70), 0x70707070u);
   uint32_t done = 0;
   while (sim::store_get(sim::key(9, done)) == ~done) ++done;
-  EXPECT_GE(done, (1u << 14) - 16);   // the fifth growth: 16384 entries and more
-  EXPECT_EQ(sim::store_get(sim::key(9, done + 1)), 0u);
-  EXPECT_LT(sim::store_count() - done, 16u);   // the inserts, the chip's own registers
+  EXPECT_GE(done, (1u << 14) - 16);            // the fifth growth: 16384 entries and more
+  EXPECT_LT(sim::store_count() - done, 16u);   // nothing after the gap: the chip's own registers
 }
 
-// The board under the real tool: registers and page carried from one run to the next, the
-// generation knob and an unplugged adapter reaching the start-up.
+// The board under the real tool: the page carried from one run to the next (registers: see
+// ConcurrentRunsLoseNoWrite), the generation knob and an unplugged adapter at start-up.
 TEST(Chip, ToolRunsShareTheBoard) {
   ToolRun r;
   r.cwd = make_temp_dir("kivsim");
@@ -229,11 +222,8 @@ TEST(Chip, ToolRunsShareTheBoard) {
     EXPECT_TRUE(!res.timedOut && res.status == 0);
     return res.out.substr(std::string(kSdkLine).size());
   };
-  run({"reg", "set", "0x180048", "0x200"});
   run({"reg", "chgpage", "cpu"});
   EXPECT_EQ(run({"reg", "chgpage", "current"}), "Current Page: 0x42\r\nSuccess!!\n");
-  run({"reg", "chgpage", "swcore"});
-  EXPECT_EQ(run({"reg", "get", "0x180048"}), "[0x180048]=0x0200\nSuccess!!\n");
   EXPECT_EQ(run({"reg", "get", "0x0"}, {{"KIVTOOL_SIM_CHIP_GEN", "3"}}),
             "This KIV build is not match with current chip version\n[0x0000]=0x0000\nSuccess!!\n");
   // The adapter leaves at its first command: the bring-up and the chip check fail, the
@@ -256,16 +246,13 @@ TEST(Chip, ConcurrentRunsLoseNoWrite) {
   ASSERT_EQ(run_tool(runs[0]).status, 0);
   runs[0].args.clear();
   std::string reads, expected;
+  char line[64];
   for (uint32_t p = 0; p < 2; ++p) {
-    for (uint32_t i = 0; i < 3000; ++i) {
-      char line[96];
-      const uint32_t addr = 0x200000 + (p << 16) + i * 4, value = p << 16 | (i + 1);
-      std::snprintf(line, sizeof line, "reg set 0x%X 0x%X\n", addr, value);
-      runs[p].input += line;
-      std::snprintf(line, sizeof line, "reg get 0x%X\n", addr);
-      reads += line;
-      std::snprintf(line, sizeof line, "[0x%4.4X]=0x%4.4X\nSuccess!!\n", addr, value);
-      expected += line;
+    for (uint32_t i = 0, addr = 0x200000 + (p << 16); i < 3000; ++i, addr += 4) {
+      const uint32_t value = p << 16 | (i + 1);
+      runs[p].input.append(line, std::snprintf(line, sizeof line, "reg set 0x%X 0x%X\n", addr, value));
+      reads.append(line, std::snprintf(line, sizeof line, "reg get 0x%X\n", addr));
+      expected.append(line, std::snprintf(line, sizeof line, "[0x%4.4X]=0x%4.4X\nSuccess!!\n", addr, value));
     }
   }
   std::array<ToolResult, 2> res;
@@ -274,8 +261,5 @@ TEST(Chip, ConcurrentRunsLoseNoWrite) {
   other.join();
   for (const ToolResult &r : res) EXPECT_TRUE(!r.timedOut && r.status == 0 && r.err.empty()) << r.err;
   runs[0].input = reads;
-  const std::string out = run_tool(runs[0]).out;
-  const size_t at = out.find(kSdkLine);
-  ASSERT_NE(at, std::string::npos) << out;
-  EXPECT_TRUE(out.substr(at + std::string(kSdkLine).size()) == expected);
+  EXPECT_TRUE(run_tool(runs[0]).out.ends_with(expected));
 }
