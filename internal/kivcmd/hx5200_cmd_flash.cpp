@@ -4,6 +4,7 @@
 // controller, runs one subcommand on the SPI controller page, gives the flash back and
 // prints the closing line. The handler's result is the release's: a subcommand's failure
 // shows through its messages, except for the few that return at once.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -220,24 +221,24 @@ bool read_image(const char *file, uint64_t offset, uint64_t len, uint32_t base, 
     printf("File %s: %s: %s, nothing written\n", file, what, std::strerror(err));
     return false;
   };
-  // Checked before opening: opening a FIFO would wait for a writer.
+  // Opened without waiting (a FIFO would wait for a writer), then checked.
+  const int fd = open(file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return failed("cannot open", errno);
+  FILE *f = fdopen(fd, "rb");
+  if (!f) {
+    const int err = errno;
+    close(fd);
+    return failed("cannot open", err);
+  }
+  FileCloser closer{f};
   struct stat st{};
-  if (stat(file, &st) != 0) return failed("cannot read", errno);
-  if (!S_ISREG(st.st_mode)) {
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     printf("File %s is not a regular file, nothing written\n", file);
     return false;
   }
   const uint64_t size = (uint64_t)st.st_size;
   const uint64_t expected = size > offset ? std::min(size - offset, len) : 0;
   if (expected > room) return tooLarge(expected);
-
-  FILE *f = std::fopen(file, "rb");
-  if (!f) return failed("cannot open", errno);
-  FileCloser closer{f};
-  if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
-    printf("File %s is not a regular file, nothing written\n", file);
-    return false;
-  }
   if (offset && std::fseek(f, (long)offset, SEEK_SET) != 0) return failed("cannot seek", errno);
   // To its end, not to the size it reports (files of /proc report none): one byte past the
   // room shows that it does not fit.
