@@ -196,7 +196,8 @@ TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstEr
   };
   const std::string sysfs = "/sys/kernel/mm/transparent_hugepage/enabled";
   if (const size_t n = read_file(sysfs).size(); n > 0 && n < 4096)
-    cases.push_back({"update " + sysfs, "File " + sysfs + ": only " + std::to_string(n) + " of 4096 bytes could be read"});
+    cases.push_back({"update " + sysfs, "File " + sysfs + ": only " + std::to_string(n) +
+                                            " of 4096 bytes could be read"});
   std::string input, expected;
   for (const auto &[line, refusal] : cases) {
     input += "spi " + line + "\n";

@@ -144,7 +144,6 @@ TEST(MibTool, AMonitorStopsOnAnotherRunsWrite) {
   ToolRun monitor, traffic;
   monitor.cwd = traffic.cwd = make_temp_dir("mibvlan-tool");
   monitor.input = "mib sread 2 1\n";
-  monitor.timeoutMs = 15000;
   for (uint32_t i = 0; i < 3000; ++i) traffic.input += regSet(0x4A200000u + 4 * i, i + 1) + "\n";
   traffic.input += portCtr(2, 25, 1) + "\n";
   ToolResult watched;

