@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -385,6 +386,7 @@ int kiv_readLine(char *line, signed char lastTerminator) {
     ed.raw = ed.saved;
     ed.raw.c_lflag &= ~kRawClearedLocalFlags;
     if (!(ed.flags & kFlagCleanupRegistered)) installEndingHandlers();
+    std::atomic_signal_fence(std::memory_order_seq_cst);   // the saved settings before the flag
     g_rawActive = 1;
     tcsetattr(0, TCSAFLUSH, &ed.raw);
     ed.flags |= kFlagRawMode;
