@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "kiv/hx_utils.h"
+#include "kiv/kiv_assert.h"
 #include "kiv/kiv_ciscoParserParamChecker.h"
 
 #define PARSER_FILE "kiv/kiv_ciscoParser"
@@ -343,6 +344,132 @@ static void _closeGroup(kiv_uint32 n, kiv_int32 g) {
 // ---------------------------------------------------------------------------------------
 // Building the graph
 
+// One grammar token of each kind makes node n: it is linked from the pending nodes and
+// pushed as pending itself (or opens/closes an option run or a braced group).
+
+struct kiv_repeat_t {
+  kiv_uint32 minimum;
+  kiv_uint32 maximum;
+};
+
+// Reads the "min~max" of a "(min~max)" prefix for node n.
+static void _readRepeatRange(kiv_uint32 n, const char *repeater, kiv_repeat_t *range) {
+  const char *lower = repeater;
+  const char *upper = strchr(repeater, '~');
+  // Each digit weighs 20, not 10: "(1~9)" reads as written, "(1~10)" gives a maximum
+  // of 20. Kept as it is.
+  range->minimum = hx_readRepeatDigits(&lower) & 0xFFu;
+  if (upper) {
+    upper++;
+    range->maximum = hx_readRepeatDigits(&upper) & 0xFFu;
+  }
+  _nodes[n].repeat = 1;
+}
+
+// A node that others lead to and that leads on: linked from the pending nodes, closing
+// an option run that ends before it.
+static void _chainNode(kiv_uint32 n) {
+  _linkPending(n);
+  _closeOptionRunIfOpen(n);
+  _pushStack(&_pendingStack, (kiv_int32)n);
+}
+
+static void _addEndToken(kiv_uint32 n) {
+  _createEndNode(n);
+  _chainNode(n);
+}
+
+static void _addKeywordToken(kiv_uint32 n, char *token, const char *help, kiv_repeat_t range) {
+  _createKeywordNode(n, token, help, range.minimum, range.maximum);
+  _chainNode(n);
+}
+
+// "[": goes on with the current run of options, or opens a new run (one level deeper).
+// A "[" right after "[" first gets a dummy node standing for the outer option's content,
+// which moves n on. False when that leaves no room for the "[" itself.
+static bool _addOptionStart(kiv_uint32 *pn, char *token, kiv_repeat_t range) {
+  kiv_uint32 n = *pn;
+  if (_peekStack(&_optionLevelStack) == 0) {
+    _createPunctNode(n, token);
+    _nodes[n].isOptionStart = 1;
+    _setRepeatRange(&_nodes[n], range.minimum, range.maximum, true);
+    _linkPending(n);
+    kiv_int32 a = _peekStack(&_groupStack);
+    if (_validIndex(a)) _setLink((kiv_uint32)a, n);
+    _replaceStackTop(&_optionLevelStack, 1);
+    _pushStack(&_optionStack, (kiv_int32)n);
+    _pushStack(&_pendingStack, (kiv_int32)n);
+    _pushStack(&_groupStack, a);
+    return true;
+  }
+  kiv_int32 lastOption = _peekStack(&_optionStack);
+  if (_validIndex(lastOption) && _nodes[lastOption].isOptionStart &&
+      (_peekStack(&_optionLevelStack) != 1 || !_isChainNode(_peekStack(&_pendingStack)))) {
+    _nodes[n].node = 1;
+    _linkPending(n);
+    _pushStack(&_pendingStack, (kiv_int32)n);
+    n++;
+    _nodeUsed++;
+    *pn = n;
+    if (n >= MAX_TOKENS) return false;
+    _clearNode(n);
+  }
+  _createPunctNode(n, token);
+  _nodes[n].isOptionStart = 1;
+  _setRepeatRange(&_nodes[n], range.minimum, range.maximum, true);
+  kiv_int32 p = _peekStack(&_pendingStack);
+  _linkPending(n);
+  _pushStack(&_groupStack, p);
+  _pushStack(&_optionStack, p);
+  _pushStack(&_optionStack, (kiv_int32)n);
+  _pushStack(&_optionLevelStack, 1);
+  _pushStack(&_pendingStack, (kiv_int32)n);
+  return true;
+}
+
+// "]": ends one option; the run stays open until a node that is no "[" follows.
+static void _addOptionEnd(kiv_uint32 n, char *token) {
+  _createPunctNode(n, token);
+  _linkPending(n);
+  _closeOptionRunIfOpen(n);
+  kiv_int32 level = _peekStack(&_optionLevelStack);
+  if (level >= 0) {
+    _replaceStackTop(&_optionLevelStack, level - 1);
+    _pushStack(&_optionStack, (kiv_int32)n);
+  }
+  _pushStack(&_pendingStack, (kiv_int32)n);
+  _popStack(&_groupStack);
+}
+
+static void _addGroupStart(kiv_uint32 n, char *token, kiv_repeat_t range) {
+  _createPunctNode(n, token);
+  _nodes[n].node = 1;
+  _nodes[n].isGroupStart = 1;
+  _setRepeatRange(&_nodes[n], range.minimum, range.maximum, false);
+  _linkPending(n);
+  _closeOptionRunIfOpen(n);
+  _pushStack(&_groupStack, (kiv_int32)n);
+  _pushStack(&_pendingStack, (kiv_int32)n);
+  _pushStack(&_pendingStack, (kiv_int32)n);
+}
+
+// "|": the next alternative starts from the group's "{" again.
+static void _addAlternative(kiv_uint32 n) {
+  _nodes[n].isAlternative = 1;
+  _pushStack(&_pendingStack, (kiv_int32)n);
+  _pushStack(&_pendingStack, _peekStack(&_groupStack));
+}
+
+static void _addGroupEnd(kiv_uint32 n, char *token) {
+  _createPunctNode(n, token);
+  _nodes[n].node = 1;
+  _nodes[n].isGroupEnd = 1;
+  kiv_int32 g = _popStack(&_groupStack);
+  _closeGroup(n, g);
+  _closeOptionRunIfOpen(n);
+  _pushStack(&_pendingStack, (kiv_int32)n);
+}
+
 // Builds the graph from the split tokens. Returns the node total including the root.
 // A total at or above MAX_TOKENS stops the build there and is refused by the caller; the
 // value slots are bounded by MAX_CMD_TEMPBUFFER (a usage reserving more is refused by
@@ -365,116 +492,38 @@ static kiv_uint32 _createCommandGraph(void) {
     _clearNode(n);
     char *token = _tokens[t].text;
     const char *help = _tokens[t].help;
-    kiv_uint32 minimum = 0, maximum = 0;
-
+    kiv_repeat_t range = {0, 0};
     if (token[0] == '(') {
       char *rest = nullptr;
       char *repeater = cutAt(token + 1, ')', &rest);
       KIV_ASSERT_IN(PARSER_FILE, repeater!=NULL);
-      const char *lower = repeater;
-      const char *upper = strchr(repeater, '~');
-      // Each digit weighs 20, not 10: "(1~9)" reads as written, "(1~10)" gives a maximum
-      // of 20. Kept as it is.
-      minimum = hx_readRepeatDigits(&lower) & 0xFFu;
-      if (upper) {
-        upper++;
-        maximum = hx_readRepeatDigits(&upper) & 0xFFu;
-      }
+      _readRepeatRange(n, repeater, &range);
       token = rest;
-      _nodes[n].repeat = 1;
     }
 
-    const char first = token[0];
-    if (first == kEndText[0]) {
-      _createEndNode(n);
-      _linkPending(n);
-      _closeOptionRunIfOpen(n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
-    } else if (first == '%') {
-      kiv_uint32 size = _createParamNode(n, token, help, minimum, maximum);
-      KIV_ASSERT_IN(PARSER_FILE, _tempBufferUsed+size<=MAX_CMD_TEMPBUFFER);
-      _tempBufferUsed += size;
-      KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
-      _linkPending(n);
-      _closeOptionRunIfOpen(n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
-    } else if (isalnum((unsigned char)first)) {
-      _createKeywordNode(n, token, help, minimum, maximum);
-      _linkPending(n);
-      _closeOptionRunIfOpen(n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
-    } else if (first == '[') {
-      if (_peekStack(&_optionLevelStack) == 0) {
-        // The run of options goes on with this one.
-        _createPunctNode(n, token);
-        _nodes[n].isOptionStart = 1;
-        _setRepeatRange(&_nodes[n], minimum, maximum, true);
-        _linkPending(n);
-        kiv_int32 a = _peekStack(&_groupStack);
-        if (_validIndex(a)) _setLink((kiv_uint32)a, n);
-        _replaceStackTop(&_optionLevelStack, 1);
-        _pushStack(&_optionStack, (kiv_int32)n);
-        _pushStack(&_pendingStack, (kiv_int32)n);
-        _pushStack(&_groupStack, a);
-      } else {
-        kiv_int32 lastOption = _peekStack(&_optionStack);
-        if (_validIndex(lastOption) && _nodes[lastOption].isOptionStart &&
-            (_peekStack(&_optionLevelStack) != 1 || !_isChainNode(_peekStack(&_pendingStack)))) {
-          // "[" right after "[": a dummy node stands for the outer option's content.
-          _nodes[n].node = 1;
-          _linkPending(n);
-          _pushStack(&_pendingStack, (kiv_int32)n);
-          n++;
-          _nodeUsed++;
-          if (n >= MAX_TOKENS) return MAX_TOKENS;
-          _clearNode(n);
-        }
-        _createPunctNode(n, token);
-        _nodes[n].isOptionStart = 1;
-        _setRepeatRange(&_nodes[n], minimum, maximum, true);
-        kiv_int32 p = _peekStack(&_pendingStack);
-        _linkPending(n);
-        _pushStack(&_groupStack, p);
-        _pushStack(&_optionStack, p);
-        _pushStack(&_optionStack, (kiv_int32)n);
-        _pushStack(&_optionLevelStack, 1);
-        _pushStack(&_pendingStack, (kiv_int32)n);
+    switch (token[0]) {
+      case '<': _addEndToken(n); break;   // "<cr>"
+      case '%': {
+        // The parameter's value slot is reserved at the end of the value buffer.
+        kiv_uint32 size = _createParamNode(n, token, help, range.minimum, range.maximum);
+        KIV_ASSERT_IN(PARSER_FILE, _tempBufferUsed+size<=MAX_CMD_TEMPBUFFER);
+        _tempBufferUsed += size;
+        KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
+        _chainNode(n);
+        break;
       }
-    } else if (first == ']') {
-      _createPunctNode(n, token);
-      _linkPending(n);
-      _closeOptionRunIfOpen(n);
-      kiv_int32 level = _peekStack(&_optionLevelStack);
-      if (level >= 0) {
-        _replaceStackTop(&_optionLevelStack, level - 1);
-        _pushStack(&_optionStack, (kiv_int32)n);
-      }
-      _pushStack(&_pendingStack, (kiv_int32)n);
-      _popStack(&_groupStack);
-    } else if (first == '{') {
-      _createPunctNode(n, token);
-      _nodes[n].node = 1;
-      _nodes[n].isGroupStart = 1;
-      _setRepeatRange(&_nodes[n], minimum, maximum, false);
-      _linkPending(n);
-      _closeOptionRunIfOpen(n);
-      _pushStack(&_groupStack, (kiv_int32)n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
-    } else if (first == '|') {
-      _nodes[n].isAlternative = 1;
-      _pushStack(&_pendingStack, (kiv_int32)n);
-      _pushStack(&_pendingStack, _peekStack(&_groupStack));
-    } else if (first == '}') {
-      _createPunctNode(n, token);
-      _nodes[n].node = 1;
-      _nodes[n].isGroupEnd = 1;
-      kiv_int32 g = _popStack(&_groupStack);
-      _closeGroup(n, g);
-      _closeOptionRunIfOpen(n);
-      _pushStack(&_pendingStack, (kiv_int32)n);
+      case '[':
+        if (!_addOptionStart(&n, token, range)) return MAX_TOKENS;
+        break;
+      case ']': _addOptionEnd(n, token); break;
+      case '{': _addGroupStart(n, token, range); break;
+      case '|': _addAlternative(n); break;
+      case '}': _addGroupEnd(n, token); break;
+      default:
+        if (isalnum((unsigned char)token[0])) _addKeywordToken(n, token, help, range);
+        // Anything else leaves a blank, unlinked node.
+        break;
     }
-    // Anything else leaves a blank, unlinked node.
     n++;
     t++;
   }

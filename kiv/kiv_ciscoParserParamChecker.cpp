@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "kiv/hx_utils.h"
+#include "kiv/kiv_assert.h"
 
 namespace {
 

@@ -11,20 +11,14 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 
 #include "kiv/hx_utils.h"
+#include "kiv/kiv_assert.h"
 #include "kiv/kiv_ciscoParser.h"
 
 char kiv_outputBuffer[KIV_OUTBUF_SIZE];
 char kiv_pathBuffer[KIV_PATHBUF_SIZE];
-
-// A failed consistency check reports where it failed and stops the program: printing the
-// report first lets the engineer see it before the process ends.
-void kiv_assertFailed(const char *file, const char *func, int line, const char *cond) {
-  printf("\n%s:%s:%d:'%s'", file, func, line, cond);
-  fflush(stdout);
-  abort();
-}
 
 // Stringised here, not through KIV_ASSERT_IN, so that the report shows the condition as
 // written (macro names unexpanded).
@@ -38,17 +32,18 @@ namespace {
 
 // ---- engine state --------------------------------------------------------------------
 
-// Dispatch status of the current line.
-enum : kiv_int32 {
-  kStatusNone = 0,
-  kStatusRun = 1,
-  kStatusGroupEntered = 2,
-  kStatusDepthExhausted = 11,
-  kStatusUsage = 12,
-  kStatusIncomplete = 13,
-  kStatusCmdHelp = 14,
-  kStatusGroupListed = 16,
-  kStatusCompleted = 18,
+// What the dispatch of a line came to. Every dispatch step takes the status so far and
+// returns the new one; a step that decides nothing hands the status it got back.
+enum class Status : kiv_uint8 {
+  None,
+  Run,              // a handler ran (its result decides the report line)
+  GroupEntered,
+  DepthExhausted,
+  Usage,            // a raw row's usage line was shown
+  Incomplete,       // candidates or a group listing were shown
+  CmdHelp,
+  GroupListed,
+  Completed,        // a word was completed into the output buffer
 };
 
 // List modes set by the tokeniser.
@@ -91,6 +86,7 @@ struct RegistryEntry {
   kiv_uint32 id;
 };
 
+// Session state: set up by kiv_init and kiv_userInit, kept from line to line.
 struct Engine {
   bool initialised = false;
   kiv_uint32 maxUsers = 0;
@@ -102,22 +98,11 @@ struct Engine {
   std::unique_ptr<char *[]> tokens;     // maxTokens + 1 pointers, null-terminated
   std::unique_ptr<char[]> scratch;      // line-sized: joined lines, name lists
   std::unique_ptr<char[]> indexString;  // KIV_INDEX2STRING_SIZE texts of 4 bytes
+  const kiv_cmd_t *currentCmd = nullptr;   // the row running or run last
+  char nextGroupName[kNextGroupNameSize + 1] = {};
 };
 
 Engine g;
-
-// Per-line state.
-kiv_uint32 g_tokenCount = 0;
-kiv_uint32 g_curToken = 0;
-kiv_uint8 g_listMode = kListNone;
-kiv_int32 g_status = kStatusNone;
-char g_errText[kErrTextSize];
-char g_nextGroupName[kNextGroupNameSize + 1];
-char *g_outBuf = nullptr;
-kiv_uint32 g_outSize = 0;
-kiv_uint32 g_outUsed = 0;
-kiv_uint32 g_uid = 0;
-const kiv_cmd_t *g_currentCmd = nullptr;
 
 // Saved-argument hand-out of the running command: the groups' records are served oldest
 // group first; kSavedSegments bounds the number of groups that fit on the save stack.
@@ -126,11 +111,35 @@ struct SavedSegment {
   kiv_uint32 start;
   kiv_uint32 end;
 };
-SavedSegment g_segments[kSavedSegments];
-kiv_uint32 g_segmentCount = 0;
-kiv_uint32 g_segmentIndex = 0;
-kiv_uint32 g_segmentPos = 0;
-const kiv_uint8 *g_savedBase = nullptr;
+struct SavedArguments {
+  SavedSegment segments[kSavedSegments];
+  kiv_uint32 count = 0;
+  kiv_uint32 index = 0;
+  kiv_uint32 pos = 0;
+  const kiv_uint8 *base = nullptr;
+};
+
+// Per-line state: reset by beginLine() when kiv_cmdProcess takes a line, and nowhere else.
+struct Line {
+  kiv_uint32 uid = 0;
+  kiv_uint32 tokenCount = 0;
+  kiv_uint32 curToken = 0;       // the word dispatch is looking at
+  kiv_uint8 listMode = kListNone;
+  char errText[kErrTextSize] = {};
+  char *outBuf = nullptr;        // the caller's output buffer (text for the editor)
+  kiv_uint32 outSize = 0;
+  kiv_uint32 outUsed = 0;
+  SavedArguments saved;          // arguments of enclosing groups, for the running handler
+};
+
+Line L;
+
+void beginLine(kiv_uint32 uid, char *outBuf, kiv_uint32 outSize) {
+  L = Line{};
+  L.uid = uid;
+  L.outBuf = outBuf;
+  L.outSize = outBuf ? outSize : 0;
+}
 
 constexpr const char *kUpWords[] = {".."};
 constexpr const char *kExitWords[] = {"exit"};   // kept; no dispatch step consults it
@@ -158,23 +167,23 @@ const kiv_group_t *groupAt(const User &u, kiv_uint32 level) { return u.groupStac
 
 // Appends text to the caller's output buffer, always leaving it terminated.
 void outAppend(const char *text) {
-  if (g_outBuf == nullptr || g_outSize == 0) return;
-  const size_t room = g_outSize - 1 - g_outUsed;
+  if (L.outBuf == nullptr || L.outSize == 0) return;
+  const size_t room = L.outSize - 1 - L.outUsed;
   size_t n = std::strlen(text);
   if (n > room) n = room;
-  std::memcpy(g_outBuf + g_outUsed, text, n);
-  g_outUsed += static_cast<kiv_uint32>(n);
-  g_outBuf[g_outUsed] = '\0';
+  std::memcpy(L.outBuf + L.outUsed, text, n);
+  L.outUsed += static_cast<kiv_uint32>(n);
+  L.outBuf[L.outUsed] = '\0';
 }
 
 void outClear() {
-  if (g_outBuf && g_outSize) std::memset(g_outBuf, 0, g_outSize);
-  g_outUsed = 0;
+  if (L.outBuf && L.outSize) std::memset(L.outBuf, 0, L.outSize);
+  L.outUsed = 0;
 }
 
-// Joins tokens [from, g_tokenCount) with single blanks into the output buffer.
+// Joins tokens [from, tokenCount) with single blanks into the output buffer.
 void outJoinTokens(kiv_uint32 from) {
-  for (kiv_uint32 i = from; i < g_tokenCount; i++) {
+  for (kiv_uint32 i = from; i < L.tokenCount; i++) {
     if (i > from) outAppend(" ");
     outAppend(g.tokens[i]);
   }
@@ -185,7 +194,7 @@ const char *joinTokens() {
   char *s = g.scratch.get();
   size_t used = 0;
   s[0] = '\0';
-  for (kiv_uint32 i = 0; i < g_tokenCount; i++) {
+  for (kiv_uint32 i = 0; i < L.tokenCount; i++) {
     const size_t n = std::strlen(g.tokens[i]);
     if (used + n + 2 > kScratchSize) break;
     if (i) s[used++] = ' ';
@@ -204,26 +213,33 @@ void setToken(char *tok, const char *text) {
   tok[g.tokenSize - 1] = '\0';
 }
 
+// The completed line goes to the output buffer for the editor to start the next line with.
+Status completedLine() {
+  outClear();
+  outJoinTokens(0);
+  return Status::Completed;
+}
+
 // ---- tokeniser -----------------------------------------------------------------------
 
 // Ends the token collected in the current buffer. Returns false when scanning stops.
 bool endToken(kiv_uint32 len) {
-  char *tok = g.tokens[g_tokenCount];
+  char *tok = g.tokens[L.tokenCount];
   tok[len] = '\0';
-  if (g_tokenCount >= g.maxTokens - 1) return false;   // the token is dropped
+  if (L.tokenCount >= g.maxTokens - 1) return false;   // the token is dropped
   for (const auto &lw : kListWords) {
     if (std::strcmp(tok, lw.word) == 0) {
-      g_listMode = lw.mode;
+      L.listMode = lw.mode;
       return false;
     }
   }
   if (len > 0 && tok[len - 1] == '?') {
     tok[len - 1] = '\0';
-    g_tokenCount++;
-    g_listMode = kListPartial;
+    L.tokenCount++;
+    L.listMode = kListPartial;
     return false;
   }
-  g_tokenCount++;
+  L.tokenCount++;
   return true;
 }
 
@@ -231,8 +247,6 @@ bool endToken(kiv_uint32 len) {
 // token restarts it as a quoted one), an unterminated quoted token is dropped. A token
 // that reaches the token size fails the whole line.
 bool tokenise(const char *line) {
-  g_tokenCount = 0;
-  g_listMode = kListNone;
   enum { Between, Plain, Quoted } state = Between;
   kiv_uint32 len = 0;
   for (const char *p = line;; p++) {
@@ -250,7 +264,7 @@ bool tokenise(const char *line) {
           break;
         }
         state = Plain;
-        g.tokens[g_tokenCount][len++] = c;
+        g.tokens[L.tokenCount][len++] = c;
         break;
       case Plain:
         if (c == ' ' || c == '\t') {
@@ -263,7 +277,7 @@ bool tokenise(const char *line) {
           len = 0;
           break;
         }
-        g.tokens[g_tokenCount][len++] = c;
+        g.tokens[L.tokenCount][len++] = c;
         break;
       case Quoted:
         if (c == '"') {
@@ -271,7 +285,7 @@ bool tokenise(const char *line) {
           if (!endToken(len)) return true;
           break;
         }
-        g.tokens[g_tokenCount][len++] = c;
+        g.tokens[L.tokenCount][len++] = c;
         break;
     }
     if (len >= g.tokenSize) return false;
@@ -321,15 +335,18 @@ kiv_uint32 countPrefix(const User &u, const kiv_group_t *grp, const char *word, 
 
 void setError(User &u, kiv_int32 result) {
   u.state |= kErrorFlag;
-  hx_itoa(result, g_errText);
+  hx_itoa(result, L.errText);
 }
+
+kiv_uint32 pad4(kiv_uint32 n) { return (n + 3u) & ~3u; }
 
 // Prepares the hand-out of the arguments saved by enclosing groups.
 void prepareSavedArguments(const User &u) {
-  g_segmentCount = 0;
-  g_segmentIndex = 0;
-  g_segmentPos = 0;
-  g_savedBase = u.saved;
+  SavedArguments &sa = L.saved;
+  sa.count = 0;
+  sa.index = 0;
+  sa.pos = 0;
+  sa.base = u.saved;
   // Walk the footers from the top of the stack down; each names its group's records.
   kiv_uint32 top = u.used;
   SavedSegment rev[kSavedSegments];
@@ -341,96 +358,330 @@ void prepareSavedArguments(const User &u) {
     rev[n++] = {top - 4 - total, top - 4};
     top -= total + 4;
   }
-  for (kiv_uint32 i = 0; i < n; i++) g_segments[i] = rev[n - 1 - i];
-  g_segmentCount = n;
-  if (n) g_segmentPos = g_segments[0].start;
+  for (kiv_uint32 i = 0; i < n; i++) sa.segments[i] = rev[n - 1 - i];
+  sa.count = n;
+  if (n) sa.pos = sa.segments[0].start;
 }
 
 kiv_int32 callHandler(kiv_cmdFunc fn, kiv_uint32 uid, kiv_int32 argc, void **argv) {
-  prepareSavedArguments(g.users[g_uid]);
+  prepareSavedArguments(g.users[L.uid]);
   const kiv_int32 r = fn ? fn(uid, argc, argv) : 0;
-  g_segmentCount = 0;
+  L.saved.count = 0;
   return r;
 }
 
-kiv_int32 dispatch(User &u);
+// ---- grammar-parsed rows: run, help and completion -------------------------------------
 
-// Runs a found command row; `byPrefix` when the row was found by a unique prefix.
-void runCommand(User &u, const kiv_cmd_t *cmd, bool byPrefix) {
-  const bool completing = ISSET(u.state, kCompletion);
-  if (completing && (!ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER) || byPrefix)) {
-    setToken(g.tokens[g_curToken], cmd->cmdName);
-    outClear();
-    outJoinTokens(0);
-    g_status = kStatusCompleted;
-    return;
-  }
-  const kiv_int32 argc = static_cast<kiv_int32>(g_tokenCount - g_curToken);
-  if (!ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER)) {
-    if (argc < cmd->minArgs) {
-      if (byPrefix) {
-        printf("%-20s usage:%s\n", cmd->cmdName, cmd->cmdUsage ? cmd->cmdUsage : "");
-        g_status = kStatusUsage;
-      }
-      return;
-    }
-    g_currentCmd = cmd;
-    const kiv_int32 r = callHandler(cmd->cmdHandler, g_uid, argc,
-                                    reinterpret_cast<void **>(&g.tokens[g_curToken]));
-    if (r != 0) setError(u, r);
-    g_status = kStatusRun;
-    return;
-  }
-  const kiv_int32 r = kiv_ciscoCmdProcesser(argc, cmd, completing ? 2 : 0);
-  if (r != 0 && g_status != kStatusIncomplete) setError(u, r);
+// The tokens after the command word, as the usage-grammar parser sees them; a checker may
+// hand the rest of the line over to another row.
+struct GrammarLine {
+  const kiv_cmd_t *cmd;
+  char **args;
+  kiv_int32 nargs;
+};
+
+// One parse result (see ciscoCmdParser).
+struct Parse {
+  kiv_int32 n = 0;
+  void *saved = nullptr;
+  char *token = nullptr;
+};
+
+GrammarLine startGrammarLine(const kiv_cmd_t *row, kiv_int32 argc) {
+  g.currentCmd = row;
+  return {row, &g.tokens[L.curToken + 1], argc > 0 ? argc - 1 : 0};
 }
 
-// Tries the current word as a sub-group. Returns true when the word named one.
-bool kiv_groupCheck(User &u, bool prefix);
+// Parses the line, following hand-overs to other rows. False when a hand-over ends the
+// request (it consumed nothing, or went to a row without a grammar).
+bool parseLine(GrammarLine &gl, Parse &p) {
+  for (;;) {
+    p = Parse{};
+    const kiv_cmd_t *cmd = gl.cmd;
+    p.n = ciscoCmdParser(gl.nargs, gl.args, &cmd, &p.saved, &p.token);
+    if (cmd == gl.cmd || cmd == nullptr) return true;
+    const kiv_int32 drop = p.token ? (p.n < 0 ? -p.n : p.n) : gl.nargs;
+    gl.args += drop;
+    gl.nargs -= drop;
+    ciscoCmdParserReset();
+    gl.cmd = cmd;
+    g.currentCmd = cmd;
+    if (drop <= 0 || !ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER)) return false;
+  }
+}
 
-// Ordinary dispatch of tokens [g_curToken, g_tokenCount) in the group at the search level.
-kiv_int32 dispatch(User &u) {
-  if (g_curToken >= g_tokenCount) return 0;
+// Collects the candidates that may follow the accepted tokens (a refusal, n < 0, has
+// collected them already).
+void collectCandidates(const Parse &p) {
+  if (p.n > 0) {
+    void *saved = p.saved;
+    void *value = nullptr;
+    kiv_uint32 size = 0;
+    for (kiv_int32 i = 0; i < p.n - 1; i++) ciscoCmdGetNextToken(&value, &size, &saved);
+    KIV_ASSERT(saved!=NULL);
+    ciscoCmdParserGetCandidate(ciscoCmdParserPathNodeIndex(saved), nullptr);
+  } else if (p.n == 0) {
+    ciscoCmdParserGetRootCandidate();
+  }
+}
+
+enum class Resolution { Shown, Completed, Retry };
+
+// Shows the collected candidates, or rewrites the refused token to the one candidate that
+// begins with it (or else contains it). A rewrite is parsed again (Retry), unless
+// `completing`, where it ends the request in the output buffer.
+Resolution resolveToken(const Parse &p, bool completing) {
+  const bool textMode = (g.users[L.uid].outputMode & 3u) != 0;
+  char *token = p.token;
+  const kiv_int32 n = p.n;
+  kiv_candEntry_t entries[kMaxCandidates];
+  kiv_uint32 total = ciscoCmdParserListCandidates(entries, kMaxCandidates);
+  if (total == 0) return Resolution::Shown;
+  KIV_ASSERT(total>0);
+  if (token == nullptr) {
+    printf("\n");
+    ciscoCmdParserShowHelp(entries, total);
+    return Resolution::Shown;
+  }
+
+  // Entries that begin with the token (compared over the token's length), or that
+  // contain it anywhere.
+  const size_t tokLen = std::strlen(token);
+  auto begins = [&](kiv_uint32 i) { return std::strncmp(entries[i].text, token, tokLen) == 0; };
+  auto contains = [&](kiv_uint32 i) { return std::strstr(entries[i].text, token) != nullptr; };
+  kiv_uint32 match = 0;
+  auto count = [&](auto pred) {
+    kiv_uint32 matches = 0;
+    for (kiv_uint32 i = 0; i < total; i++)
+      if (entries[i].text && pred(i) && matches++ == 0) match = i;
+    return matches;
+  };
+  // A rewrite that would leave the token as it is cannot make progress: such a token
+  // is reported as refused instead of tried again.
+  auto sameText = [&] { return std::strcmp(entries[match].text, token) == 0; };
+  // Keeps only the entries that begin with the token and shows them after a newline.
+  auto showPrefixed = [&] {
+    for (kiv_uint32 i = 0; i < total; i++)
+      if (entries[i].text && !begins(i)) entries[i].text = nullptr;
+    printf("\n");
+    ciscoCmdParserShowHelp(entries, total);
+    return Resolution::Shown;
+  };
+
+  kiv_uint32 matches = count(begins);
+  const bool stuck = matches == 1 && sameText();
+  if (matches == 1 && !stuck) {
+    setToken(token, entries[match].text);
+    if (completing) return Resolution::Completed;
+    if (!textMode) {
+      printf("\n");
+      ciscoCmdParserShowHelp(entries, total);
+      return Resolution::Shown;
+    }
+    printf("%dth token best matched for '%s'\n", -n, token);
+    return Resolution::Retry;
+  }
+  if (matches > 1) return showPrefixed();
+  // No entry begins with the token: try those that contain it.
+  total = ciscoCmdParserListCandidates(entries, kMaxCandidates);
+  matches = stuck ? 0 : count(contains);
+  if (matches == 1 && sameText()) matches = 0;
+  if (matches == 1) {
+    setToken(token, entries[match].text);
+    if (completing) return Resolution::Completed;
+    if (textMode) printf("\n%dth token best matched for '%s'\n", -n, token);
+    return Resolution::Retry;
+  }
+  if (matches == 0) {
+    if (textMode) printf("\nError on %dth token '%s'\n\n", -n, token);
+    printf("\n");
+    ciscoCmdParserShowHelp(entries, total);
+    return Resolution::Shown;
+  }
+  return showPrefixed();
+}
+
+// Parses the tokens after the command word at L.curToken and calls the handler (its
+// result in `result`); a line the grammar refuses shows its candidates, a refused token
+// with one matching candidate is corrected and the line parsed again.
+Status runGrammarRow(const kiv_cmd_t *row, kiv_int32 argc, kiv_int32 &result, Status st) {
+  GrammarLine gl = startGrammarLine(row, argc);
+  result = 0;
+  for (int round = 0; round < kMaxCompletionRounds; round++) {
+    Parse p;
+    if (!parseLine(gl, p)) break;
+    if (p.n > 0 || (p.n == 0 && p.token == nullptr)) {
+      result = callHandler(gl.cmd->cmdHandler, 0, p.n, &p.saved);
+      ciscoCmdParserReset();
+      return Status::Run;
+    }
+    collectCandidates(p);
+    st = Status::Incomplete;
+    if (resolveToken(p, false) != Resolution::Retry) break;
+    ciscoCmdParserReset();
+  }
+  ciscoCmdParserReset();
+  return st;
+}
+
+// Help (`completing` false) or completion of the tokens after the command word.
+Status helpOrCompleteGrammarRow(const kiv_cmd_t *row, kiv_int32 argc, Status st, bool completing) {
+  GrammarLine gl = startGrammarLine(row, argc);
+  for (int round = 0; round < kMaxCompletionRounds; round++) {
+    Parse p;
+    if (!parseLine(gl, p)) break;
+    if (p.n == 0) {
+      printf("%-25s %s\n", kEndName, kEndHelp);
+      ciscoCmdParserReset();
+      return Status::Incomplete;
+    }
+    collectCandidates(p);
+    st = Status::Incomplete;
+    const Resolution r = resolveToken(p, completing);
+    if (r == Resolution::Completed) st = completedLine();
+    if (r != Resolution::Retry) break;
+    ciscoCmdParserReset();
+  }
+  ciscoCmdParserReset();
+  return st;
+}
+
+// Shows what may follow the tokens after the command word.
+Status helpGrammarRow(const kiv_cmd_t *row, kiv_int32 argc, Status st) {
+  return helpOrCompleteGrammarRow(row, argc, st, false);
+}
+
+// Completes the last token after the command word into the output buffer.
+Status completeGrammarRow(const kiv_cmd_t *row, kiv_int32 argc, Status st) {
+  return helpOrCompleteGrammarRow(row, argc, st, true);
+}
+
+// ---- dispatch ------------------------------------------------------------------------
+
+Status dispatch(User &u, Status st);
+
+// Runs a found command row; `byPrefix` when the row was found by a unique prefix.
+Status runCommand(User &u, const kiv_cmd_t *cmd, bool byPrefix, Status st) {
+  const bool completing = ISSET(u.state, kCompletion);
+  if (completing && (!ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER) || byPrefix)) {
+    setToken(g.tokens[L.curToken], cmd->cmdName);
+    return completedLine();
+  }
+  const kiv_int32 argc = static_cast<kiv_int32>(L.tokenCount - L.curToken);
+  if (!ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER)) {
+    if (argc < cmd->minArgs) {
+      if (!byPrefix) return st;
+      printf("%-20s usage:%s\n", cmd->cmdName, cmd->cmdUsage ? cmd->cmdUsage : "");
+      return Status::Usage;
+    }
+    g.currentCmd = cmd;
+    const kiv_int32 r = callHandler(cmd->cmdHandler, L.uid, argc,
+                                    reinterpret_cast<void **>(&g.tokens[L.curToken]));
+    if (r != 0) setError(u, r);
+    return Status::Run;
+  }
+  if (completing) return completeGrammarRow(cmd, argc, st);
+  kiv_int32 r = 0;
+  st = runGrammarRow(cmd, argc, r, st);
+  if (r != 0 && st != Status::Incomplete) setError(u, r);
+  return st;
+}
+
+enum class Entry { Entered, DepthExhausted, Refused };
+
+// Enters `sub` one level below the search level, consuming its entry arguments.
+Entry enterGroup(User &u, const kiv_group_t *sub) {
+  if (u.searchLevel + 1 >= u.maxDepth) return Entry::DepthExhausted;
+  const kiv_uint32 newDepth = u.searchLevel + 1;
+  if (ISSET(sub->groupFlags, KIV_GROUP_ENTRYARGS)) {
+    kiv_uint32 count = L.tokenCount - L.curToken;
+    u.depth = u.searchLevel;
+    const kiv_int32 d = kiv_changeCmdGroup(L.uid, sub->groupName, 0,
+                                           reinterpret_cast<void **>(&g.tokens[L.curToken]), &count);
+    if (d < 0) return Entry::Refused;
+    L.curToken += count;
+  } else {
+    u.groupStack[newDepth] = sub;
+    u.depth = newDepth;
+  }
+  u.searchLevel = newDepth;
+  return Entry::Entered;
+}
+
+// Leaves the groups entered while one line ran inside them.
+void restoreLevel(User &u, kiv_uint32 oldDepth, kiv_uint32 oldLevel) {
+  if (u.depth > oldDepth) kiv_exitCmdGroup(L.uid, static_cast<kiv_int32>(oldDepth));
+  u.depth = oldDepth;
+  u.searchLevel = oldLevel;
+}
+
+// Tries the current word as a sub-group: nothing when it names none, else the status
+// after entering it (and running the rest of the line inside it).
+std::optional<Status> kiv_groupCheck(User &u, bool prefix, Status st) {
+  const kiv_int32 argCnt = static_cast<kiv_int32>(L.tokenCount - L.curToken);
+  KIV_ASSERT(argCnt!=0);
   const kiv_group_t *grp = groupAt(u, u.searchLevel);
-  const char *word = g.tokens[g_curToken];
+  const kiv_group_t *sub = findGroup(u, grp, g.tokens[L.curToken], prefix);
+  if (sub == nullptr) return std::nullopt;
+  if (u.searchLevel + 1 >= u.maxDepth) return Status::DepthExhausted;
+  if (ISSET(u.state, kCompletion)) {
+    setToken(g.tokens[L.curToken], sub->groupName);
+    return completedLine();
+  }
+  const kiv_uint32 oldDepth = u.depth;
+  const kiv_uint32 oldLevel = u.searchLevel;
+  L.curToken++;
+  switch (enterGroup(u, sub)) {
+    case Entry::DepthExhausted: return Status::DepthExhausted;
+    case Entry::Refused: return st;
+    case Entry::Entered: break;
+  }
+  if (L.curToken >= L.tokenCount) return Status::GroupEntered;   // the group is entered
+  // Further tokens: run them inside the group, then come back.
+  st = dispatch(u, Status::GroupEntered);
+  restoreLevel(u, oldDepth, oldLevel);
+  return st;
+}
+
+// Ordinary dispatch of tokens [curToken, tokenCount) in the group at the search level.
+Status dispatch(User &u, Status st) {
+  if (L.curToken >= L.tokenCount) return st;
+  const kiv_group_t *grp = groupAt(u, u.searchLevel);
+  const char *word = g.tokens[L.curToken];
   const bool completing = ISSET(u.state, kCompletion);
 
   if (const kiv_cmd_t *cmd = findCmd(u, grp, word, false)) {
-    runCommand(u, cmd, false);
-    if (g_status == kStatusIncomplete) writeLine("Incomplete command");
-    return 0;
+    st = runCommand(u, cmd, false, st);
+    if (st == Status::Incomplete) writeLine("Incomplete command");
+    return st;
   }
-  if (g_status == kStatusIncomplete) {
-    writeLine("Incomplete command");
-    return 0;
-  }
-  if (kiv_groupCheck(u, false)) return 0;
+  if (auto entered = kiv_groupCheck(u, false, st)) return *entered;
 
   const kiv_uint32 matches = countPrefix(u, grp, word);
   if (matches == 0) {
     if (!completing) writeLine("Unknown command");
-    return 0;
+    return st;
   }
   if (matches == 1) {
     if (const kiv_cmd_t *cmd = findCmd(u, grp, word, true)) {
-      runCommand(u, cmd, true);
-    } else if (kiv_groupCheck(u, true)) {
-      return 0;
+      st = runCommand(u, cmd, true, st);
+    } else if (auto entered = kiv_groupCheck(u, true, st)) {
+      return *entered;
     }
-    switch (g_status) {
-      case kStatusRun:
-      case kStatusGroupEntered:
-      case kStatusUsage:
-      case kStatusCompleted:
+    switch (st) {
+      case Status::Run:
+      case Status::GroupEntered:
+      case Status::Usage:
+      case Status::Completed:
         break;
-      case kStatusIncomplete:
+      case Status::Incomplete:
         writeLine("Incomplete command");
         break;
       default:
         writeLine("Unknown command");
         break;
     }
-    return 0;
+    return st;
   }
   // Several: list the commands that begin with the word.
   char *list = g.scratch.get();
@@ -448,61 +699,7 @@ kiv_int32 dispatch(User &u) {
   }
   printf("\n%s", list);
   if (!completing) writeLine("ambiguous command");
-  return 0;
-}
-
-// Enters `sub` one level below the search level, consuming its entry arguments.
-// Returns false (with the status set) when the group cannot be entered.
-bool enterGroup(User &u, const kiv_group_t *sub) {
-  if (u.searchLevel + 1 >= u.maxDepth) {
-    g_status = kStatusDepthExhausted;
-    return false;
-  }
-  const kiv_uint32 newDepth = u.searchLevel + 1;
-  if (ISSET(sub->groupFlags, KIV_GROUP_ENTRYARGS)) {
-    kiv_uint32 count = g_tokenCount - g_curToken;
-    u.depth = u.searchLevel;
-    const kiv_int32 d = kiv_changeCmdGroup(g_uid, sub->groupName, 0,
-                                           reinterpret_cast<void **>(&g.tokens[g_curToken]), &count);
-    if (d < 0) return false;
-    g_curToken += count;
-  } else {
-    u.groupStack[newDepth] = sub;
-    u.depth = newDepth;
-  }
-  u.searchLevel = newDepth;
-  return true;
-}
-
-bool kiv_groupCheck(User &u, bool prefix) {
-  const kiv_int32 argCnt = static_cast<kiv_int32>(g_tokenCount - g_curToken);
-  KIV_ASSERT(argCnt!=0);
-  const kiv_group_t *grp = groupAt(u, u.searchLevel);
-  const kiv_group_t *sub = findGroup(u, grp, g.tokens[g_curToken], prefix);
-  if (sub == nullptr) return false;
-  if (u.searchLevel + 1 >= u.maxDepth) {
-    g_status = kStatusDepthExhausted;
-    return true;
-  }
-  if (ISSET(u.state, kCompletion)) {
-    setToken(g.tokens[g_curToken], sub->groupName);
-    outClear();
-    outJoinTokens(0);
-    g_status = kStatusCompleted;
-    return true;
-  }
-  const kiv_uint32 oldDepth = u.depth;
-  const kiv_uint32 oldLevel = u.searchLevel;
-  g_curToken++;
-  if (!enterGroup(u, sub)) return true;
-  g_status = kStatusGroupEntered;
-  if (g_curToken >= g_tokenCount) return true;   // the group is entered
-  // Further tokens: run them inside the group, then come back.
-  dispatch(u);
-  if (u.depth > oldDepth) kiv_exitCmdGroup(g_uid, static_cast<kiv_int32>(oldDepth));
-  u.depth = oldDepth;
-  u.searchLevel = oldLevel;
-  return true;
+  return st;
 }
 
 // ---- listing and help ----------------------------------------------------------------
@@ -538,22 +735,22 @@ void listGroup(const User &u, const kiv_group_t *grp, kiv_uint8 mode) {
   if (mode == kListLs && column % 3 != 0) printf("\n");
 }
 
-void commandHelp(const kiv_cmd_t *cmd, kiv_uint32 helpMode) {
+Status commandHelp(const kiv_cmd_t *cmd) {
   if (!ISSET(cmd->cmdFlags, KIV_USECISCOCMDPARSER)) {
     printf("%-20s %s\n", cmd->cmdName, cmd->cmdHelp ? cmd->cmdHelp : "");
     printf("%20s usage: %s\n", "", cmd->cmdUsage ? cmd->cmdUsage : "");
   } else {
-    kiv_ciscoCmdProcesser(static_cast<kiv_int32>(g_tokenCount - g_curToken), cmd, helpMode);
+    helpGrammarRow(cmd, static_cast<kiv_int32>(L.tokenCount - L.curToken), Status::None);
   }
-  g_status = kStatusCmdHelp;
+  return Status::CmdHelp;
 }
 
 // Help for the words before a list word, or on a partial last word.
-void listWithWord(User &u) {
+Status listWithWord(User &u, Status st) {
   const kiv_group_t *grp = groupAt(u, u.searchLevel);
-  const char *word = g.tokens[g_curToken];
+  const char *word = g.tokens[L.curToken];
 
-  if (g_listMode == kListPartial && g_tokenCount - g_curToken == 1) {
+  if (L.listMode == kListPartial && L.tokenCount - L.curToken == 1) {
     // A single partial word: every command (and group) that begins with it.
     kiv_uint32 shown = 0;
     for (kiv_uint32 i = 0; i < grp->cmdCount; i++) {
@@ -570,11 +767,11 @@ void listWithWord(User &u) {
       printf("%-20s %s\n", s->groupName, s->groupHelp ? s->groupHelp : "");
       shown++;
     }
-    if (shown == 0)
+    if (shown == 0) {
       writeLine("Unknown command");
-    else
-      g_status = kStatusCmdHelp;
-    return;
+      return st;
+    }
+    return Status::CmdHelp;
   }
 
   const kiv_cmd_t *cmd = findCmd(u, grp, word, false);
@@ -583,69 +780,86 @@ void listWithWord(User &u) {
     const kiv_uint32 matches = countPrefix(u, grp, word);
     if (matches > 1) {
       writeLine("ambiguous command");
-      return;
+      return st;
     }
     // Help on a partial last word names its command in full: no abbreviation there.
-    if (matches == 0 || g_listMode == kListPartial) {
+    if (matches == 0 || L.listMode == kListPartial) {
       writeLine("Unknown command");
-      return;
+      return st;
     }
     cmd = findCmd(u, grp, word, true);
-    if (cmd) setToken(g.tokens[g_curToken], cmd->cmdName);
+    if (cmd) setToken(g.tokens[L.curToken], cmd->cmdName);
     sub = cmd ? nullptr : findGroup(u, grp, word, true);
-    if (sub) setToken(g.tokens[g_curToken], sub->groupName);
+    if (sub) setToken(g.tokens[L.curToken], sub->groupName);
     if (!cmd && !sub) {
       writeLine("Unknown command");
-      return;
+      return st;
     }
   }
-  if (cmd) {
-    commandHelp(cmd, 1);
-    return;
-  }
+  if (cmd) return commandHelp(cmd);
   // A sub-group: entered for the listing only.
   const kiv_uint32 oldDepth = u.depth;
   const kiv_uint32 oldLevel = u.searchLevel;
-  g_curToken++;
-  if (enterGroup(u, sub)) {
-    if (g_curToken >= g_tokenCount) {
-      listGroup(u, groupAt(u, u.searchLevel), g_listMode == kListPartial ? static_cast<kiv_uint8>(kListQuestion) : g_listMode);
-      g_status = kStatusGroupListed;
-    } else {
-      listWithWord(u);
-    }
+  L.curToken++;
+  switch (enterGroup(u, sub)) {
+    case Entry::Entered:
+      if (L.curToken >= L.tokenCount) {
+        listGroup(u, groupAt(u, u.searchLevel),
+                  L.listMode == kListPartial ? static_cast<kiv_uint8>(kListQuestion) : L.listMode);
+        st = Status::GroupListed;
+      } else {
+        st = listWithWord(u, st);
+      }
+      break;
+    case Entry::DepthExhausted:
+      st = Status::DepthExhausted;
+      break;
+    case Entry::Refused:
+      break;
   }
-  if (u.depth > oldDepth) kiv_exitCmdGroup(g_uid, static_cast<kiv_int32>(oldDepth));
-  u.depth = oldDepth;
-  u.searchLevel = oldLevel;
+  restoreLevel(u, oldDepth, oldLevel);
+  return st;
 }
 
-void listOrHelp(User &u) {
-  if (g_curToken >= g_tokenCount) {
-    if (g_listMode == kListPartial) return;
-    listGroup(u, groupAt(u, u.searchLevel), g_listMode);
-    g_status = kStatusIncomplete;
-    return;
+Status listOrHelp(User &u) {
+  if (L.curToken >= L.tokenCount) {
+    if (L.listMode == kListPartial) return Status::None;
+    listGroup(u, groupAt(u, u.searchLevel), L.listMode);
+    return Status::Incomplete;
   }
-  listWithWord(u);
+  return listWithWord(u, Status::None);
 }
 
 // Text the line editor starts the next line with after a help or completion request.
 void preloadAfterRequest(const User &u, const char *line) {
-  if (g_outUsed != 0) return;
-  if (g_listMode == kListQuestion || g_listMode == kListHelp || g_listMode == kListLs) {
+  if (L.outUsed != 0) return;
+  if (L.listMode == kListQuestion || L.listMode == kListHelp || L.listMode == kListLs) {
     outJoinTokens(0);
-    if (g_tokenCount) outAppend(" ");
-  } else if (g_listMode == kListPartial) {
+    if (L.tokenCount) outAppend(" ");
+  } else if (L.listMode == kListPartial) {
     outJoinTokens(0);
   } else if (ISSET(u.state, kCompletion)) {
     outAppend(line);
   }
 }
 
-// ---- saved arguments -----------------------------------------------------------------
-
-kiv_uint32 pad4(kiv_uint32 n) { return (n + 3u) & ~3u; }
+// Prints the report line after a command ran: "Success!!" or the error code. True when
+// the command succeeded.
+bool reportResult(const User &u) {
+  const bool script = std::strcmp(g.registry[L.uid].name, "script") == 0;
+  if (!ISSET(u.state, kErrorFlag) && u.outError == 0) {
+    if (L.outUsed == 0 && !script) writeLine("Success!!");
+    return true;
+  }
+  if (ISSET(u.state, kErrorFlag)) {
+    if (script) printf("Script: %s ", joinTokens());
+    if (L.errText[0])
+      printf("Errno : %s\n", L.errText);
+    else
+      writeLine("Error!!");
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -679,8 +893,7 @@ kiv_int32 kiv_init(kiv_uint32 maxUsers, kiv_uint32 tokenSize, kiv_uint32 maxToke
   g.tokenSize = tokenSize;
   g.maxTokens = maxTokens;
   g.initialised = true;
-  g_tokenCount = 0;
-  g_currentCmd = nullptr;
+  L = Line{};
   return 0;
 }
 
@@ -724,16 +937,13 @@ void kiv_setCompletion(kiv_uint32 uid, int on) {
     u->state &= static_cast<kiv_uint8>(~kCompletion);
 }
 
-const kiv_cmd_t *kiv_currentCmd(void) { return g_currentCmd; }
+const kiv_cmd_t *kiv_currentCmd(void) { return g.currentCmd; }
 
 kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 outSize) {
   User *pu = userOf(uid);
   if (pu == nullptr || line == nullptr) return -1;
   User &u = *pu;
-  g_uid = uid;
-  g_outBuf = outBuf;
-  g_outSize = outBuf ? outSize : 0;
-  g_outUsed = 0;
+  beginLine(uid, outBuf, outSize);
 
   if (!tokenise(line)) return -1;
   u.searchLevel = ISSET(u.outputMode, 4u) ? 0 : u.depth;
@@ -742,44 +952,26 @@ kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 ou
   if (std::strcmp(line, kUpWords[0]) == 0 && u.depth > 0) {
     kiv_exitCmdGroup(uid, static_cast<kiv_int32>(u.depth - 1));
     u.searchLevel = u.depth;
-    g_tokenCount = 0;
+    L.tokenCount = 0;
   }
 
-  g_curToken = 0;
-  g_status = kStatusNone;
-  g_errText[0] = '\0';
   u.state &= static_cast<kiv_uint8>(~kErrorFlag);
   u.outError = 0;
   outClear();
   u.busy = 1;
 
   bool ok;
-  if (g_listMode != kListNone) {
-    listOrHelp(u);
-    ok = g_status == kStatusIncomplete;
+  if (L.listMode != kListNone) {
+    ok = listOrHelp(u) == Status::Incomplete;
     preloadAfterRequest(u, line);
   } else {
-    dispatch(u);
+    const Status st = dispatch(u, Status::None);
     // Nothing produces structured output records, so output modes 1 and 2 print nothing
     // more here.
-    if (g_status == kStatusRun || g_status == kStatusIncomplete) {
-      const bool script = std::strcmp(g.registry[uid].name, "script") == 0;
-      if (!ISSET(u.state, kErrorFlag) && u.outError == 0) {
-        ok = true;
-        if (g_outUsed == 0 && !script) writeLine("Success!!");
-      } else {
-        ok = false;
-        if (ISSET(u.state, kErrorFlag)) {
-          if (script) printf("Script: %s ", joinTokens());
-          if (g_errText[0])
-            printf("Errno : %s\n", g_errText);
-          else
-            writeLine("Error!!");
-        }
-      }
-    } else {
-      ok = g_status == kStatusGroupEntered;
-    }
+    if (st == Status::Run || st == Status::Incomplete)
+      ok = reportResult(u);
+    else
+      ok = st == Status::GroupEntered;
     if (ISSET(u.state, kCompletion)) preloadAfterRequest(u, line);
   }
   u.busy = 0;
@@ -835,8 +1027,8 @@ const char *kiv_index2string(kiv_uint32 index) {
 
 void kiv_setNextGroupName(const char *nextGroupName) {
   KIV_ASSERT(nextGroupName!=NULL);
-  std::strncpy(g_nextGroupName, nextGroupName, kNextGroupNameSize);
-  g_nextGroupName[kNextGroupNameSize] = '\0';
+  std::strncpy(g.nextGroupName, nextGroupName, kNextGroupNameSize);
+  g.nextGroupName[kNextGroupNameSize] = '\0';
 }
 
 kiv_int32 kiv_changeCmdGroup(kiv_uint32 uid, const char *name, kiv_uint32 prefix,
@@ -919,14 +1111,15 @@ kiv_int32 kiv_getNextCmdToken(void **argv, void **nextToken, kiv_uint32 *size) {
   void **savedData = argv;
   KIV_ASSERT(savedData!=NULL);
   // Arguments saved by enclosing groups come first, oldest group first.
-  while (g_segmentIndex < g_segmentCount) {
-    const SavedSegment &seg = g_segments[g_segmentIndex];
-    if (g_segmentPos >= seg.end) {
-      if (++g_segmentIndex < g_segmentCount) g_segmentPos = g_segments[g_segmentIndex].start;
+  SavedArguments &sa = L.saved;
+  while (sa.index < sa.count) {
+    const SavedSegment &seg = sa.segments[sa.index];
+    if (sa.pos >= seg.end) {
+      if (++sa.index < sa.count) sa.pos = sa.segments[sa.index].start;
       continue;
     }
-    const kiv_uint8 *head = g_savedBase + seg.start;
-    const kiv_uint8 *thisRec = g_savedBase + g_segmentPos;
+    const kiv_uint8 *head = sa.base + seg.start;
+    const kiv_uint8 *thisRec = sa.base + sa.pos;
     // `this` is the record about to be served.
     if (((kiv_memaddr)thisRec & 0x1) != 0)
       kiv_assertFailed("kiv/kiv_parser", __func__, __LINE__, "((kiv_memaddr)this & 0x1) ==0");
@@ -949,10 +1142,10 @@ kiv_int32 kiv_getNextCmdToken(void **argv, void **nextToken, kiv_uint32 *size) {
     *nextToken = const_cast<kiv_uint8 *>(thisRec + 4);
     if (len < 0) {
       *size = 0;
-      g_segmentPos += 4 + pad4(static_cast<kiv_uint32>(-len) + 1);
+      sa.pos += 4 + pad4(static_cast<kiv_uint32>(-len) + 1);
     } else {
       *size = static_cast<kiv_uint32>(len);
-      g_segmentPos += 4 + pad4(static_cast<kiv_uint32>(len));
+      sa.pos += 4 + pad4(static_cast<kiv_uint32>(len));
     }
     return 0;
   }
@@ -960,136 +1153,22 @@ kiv_int32 kiv_getNextCmdToken(void **argv, void **nextToken, kiv_uint32 *size) {
 }
 
 // Parses and runs (helpMode 0), shows what may follow (1) or completes (2) the tokens
-// after the command word at g_curToken.
+// after the command word the dispatcher is at.
 kiv_int32 kiv_ciscoCmdProcesser(kiv_int32 argc, const kiv_cmd_t *thisCmd, kiv_uint32 helpMode) {
   KIV_ASSERT(thisCmd!=NULL);
   KIV_ASSERT(ISSET(thisCmd->cmdFlags, KIV_USECISCOCMDPARSER));
   KIV_ASSERT(argc>=0);
-  User &u = g.users[g_uid];
-  const bool textMode = (u.outputMode & 3u) != 0;
-  char **args = &g.tokens[g_curToken + 1];
-  kiv_int32 nargs = argc > 0 ? argc - 1 : 0;
-  kiv_candEntry_t entries[kMaxCandidates];
-  g_currentCmd = thisCmd;
-
-  for (int round = 0; round < kMaxCompletionRounds; round++) {
-    void *saved = nullptr;
-    char *token = nullptr;
-    const kiv_cmd_t *cmd = thisCmd;
-    kiv_int32 n = ciscoCmdParser(nargs, args, &cmd, &saved, &token);
-    if (cmd != thisCmd && cmd != nullptr) {
-      // A checker handed the line over to another command.
-      const kiv_int32 drop = token ? (n < 0 ? -n : n) : nargs;
-      args += drop;
-      nargs -= drop;
-      ciscoCmdParserReset();
-      thisCmd = cmd;
-      g_currentCmd = cmd;
-      if (drop <= 0) break;
-      round--;   // not a completion round: each hand-over consumes tokens
-      if (!ISSET(thisCmd->cmdFlags, KIV_USECISCOCMDPARSER)) return 0;
-      continue;
+  switch (helpMode) {
+    case 0: {
+      kiv_int32 result = 0;
+      runGrammarRow(thisCmd, argc, result, Status::None);
+      return result;
     }
-    if (helpMode == 0 && (n > 0 || (n == 0 && token == nullptr))) {
-      g_status = kStatusRun;
-      const kiv_int32 r = callHandler(thisCmd->cmdHandler, 0, n, &saved);
-      ciscoCmdParserReset();
-      return r;
-    }
-    if (n > 0) {
-      void *value = nullptr;
-      kiv_uint32 size = 0;
-      for (kiv_int32 i = 0; i < n - 1; i++) ciscoCmdGetNextToken(&value, &size, &saved);
-      KIV_ASSERT(saved!=NULL);
-      ciscoCmdParserGetCandidate(ciscoCmdParserPathNodeIndex(saved), nullptr);
-    } else if (n == 0) {
-      if (helpMode != 0) {
-        printf("%-25s %s\n", kEndName, kEndHelp);
-        g_status = kStatusIncomplete;
-        ciscoCmdParserReset();
-        return 0;
-      }
-      ciscoCmdParserGetRootCandidate();
-    }
-
-    g_status = kStatusIncomplete;
-    kiv_uint32 total = ciscoCmdParserListCandidates(entries, kMaxCandidates);
-    if (total == 0) break;
-    KIV_ASSERT(total>0);
-    if (token == nullptr) {
-      printf("\n");
-      ciscoCmdParserShowHelp(entries, total);
-      break;
-    }
-
-    // Entries that begin with the token (compared over the token's length), or that
-    // contain it anywhere.
-    const size_t tokLen = std::strlen(token);
-    auto begins = [&](kiv_uint32 i) { return std::strncmp(entries[i].text, token, tokLen) == 0; };
-    auto contains = [&](kiv_uint32 i) { return std::strstr(entries[i].text, token) != nullptr; };
-    kiv_uint32 match = 0;
-    auto count = [&](auto pred) {
-      kiv_uint32 matches = 0;
-      for (kiv_uint32 i = 0; i < total; i++)
-        if (entries[i].text && pred(i) && matches++ == 0) match = i;
-      return matches;
-    };
-    // A rewrite that would leave the token as it is cannot make progress: such a token
-    // is reported as refused instead of tried again.
-    auto sameText = [&] { return std::strcmp(entries[match].text, token) == 0; };
-    // Keeps only the entries that begin with the token and shows them after a newline.
-    auto showPrefixed = [&] {
-      for (kiv_uint32 i = 0; i < total; i++)
-        if (entries[i].text && !begins(i)) entries[i].text = nullptr;
-      printf("\n");
-      ciscoCmdParserShowHelp(entries, total);
-    };
-    // Rewrites the token to the one matching entry; true when the request ends there.
-    auto completeToken = [&] {
-      setToken(token, entries[match].text);
-      if (helpMode != 2) return false;
-      outClear();
-      outJoinTokens(0);
-      g_status = kStatusCompleted;
-      return true;
-    };
-
-    kiv_uint32 matches = count(begins);
-    const bool stuck = matches == 1 && sameText();
-    if (matches == 1 && !stuck) {
-      if (completeToken()) break;
-      if (!textMode) {
-        printf("\n");
-        ciscoCmdParserShowHelp(entries, total);
-        break;
-      }
-      printf("%dth token best matched for '%s'\n", -n, token);
-      ciscoCmdParserReset();
-      continue;
-    }
-    if (matches > 1) {
-      showPrefixed();
-      break;
-    }
-    // No entry begins with the token: try those that contain it.
-    total = ciscoCmdParserListCandidates(entries, kMaxCandidates);
-    matches = stuck ? 0 : count(contains);
-    if (matches == 1 && sameText()) matches = 0;
-    if (matches == 1) {
-      if (completeToken()) break;
-      if (textMode) printf("\n%dth token best matched for '%s'\n", -n, token);
-      ciscoCmdParserReset();
-      continue;
-    }
-    if (matches == 0) {
-      if (textMode) printf("\nError on %dth token '%s'\n\n", -n, token);
-      printf("\n");
-      ciscoCmdParserShowHelp(entries, total);
-      break;
-    }
-    showPrefixed();
-    break;
+    case 2:
+      completeGrammarRow(thisCmd, argc, Status::None);
+      return 0;
+    default:
+      helpGrammarRow(thisCmd, argc, Status::None);
+      return 0;
   }
-  ciscoCmdParserReset();
-  return 0;
 }

@@ -84,11 +84,3 @@ struct kiv_group_t {
   kiv_uint16 subGroupCount;
   kiv_uint16 groupFlags;        // KIV_GROUP_ENTRYARGS, 0x40/0x80 visibility
 };
-
-// Internal consistency check of the engine: prints "\n%s:%s:%d:'%s'" (source file,
-// function, line, condition), flushes and aborts.
-[[noreturn]] void kiv_assertFailed(const char *file, const char *func, int line, const char *cond);
-#define KIV_ASSERT_IN(file, cond)                                                  \
-  do {                                                                             \
-    if (!(cond)) kiv_assertFailed(file, __func__, __LINE__, #cond);                \
-  } while (0)
