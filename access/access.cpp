@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "access/access_local.h"
-#include "access/usbio.h"
 
 uint8_t access_if = ACCESS_IF_I2C;
 uint8_t mdcaddrid = 24;
@@ -26,12 +25,6 @@ constexpr uint32_t kSmiWriteReq = 0x8100;
 // MDIO registers of the indirect scheme.
 constexpr uint32_t kMdioDataLo = 0, kMdioDataHi = 2, kMdioAddrLo = 4, kMdioCmd = 6;
 
-constexpr int32_t kBadField = -2;
-constexpr int32_t kNullPtr = -8;
-constexpr int32_t kReserved = -24;
-constexpr int32_t kBadBits = -1000;
-constexpr int32_t kXferFail = -1001;
-constexpr int32_t kSmiTimeout = 15;
 
 reg_write_fn g_i2c_write = nullptr;
 reg_read_fn g_i2c_read = nullptr;
@@ -39,6 +32,8 @@ smi_write_fn g_smi_write = nullptr;
 smi_read_fn g_smi_read = nullptr;
 reg_write_fn g_spi_write = nullptr;
 reg_read_fn g_spi_read = nullptr;
+
+reg_burst_read_fn g_i2c_burst = nullptr;
 
 reg_width_notice_fn g_width_notice = nullptr;
 
@@ -108,8 +103,8 @@ SmiResult smi_indirect_read_with(const MdioOps &ops, uint32_t addr, uint32_t *va
 int32_t untraced_code(SmiResult r) {
   switch (r) {
     case SmiResult::ok: return 0;
-    case SmiResult::step_failed: return kBadField;
-    case SmiResult::busy_timeout: return kSmiTimeout;
+    case SmiResult::step_failed: return ACCESS_BAD_FIELD;
+    case SmiResult::busy_timeout: return ACCESS_SMI_TIMEOUT;
   }
   return -1;
 }
@@ -117,7 +112,7 @@ int32_t untraced_code(SmiResult r) {
 int32_t traced_code(SmiResult r) {
   switch (r) {
     case SmiResult::ok: return 0;
-    case SmiResult::step_failed: return kXferFail;
+    case SmiResult::step_failed: return ACCESS_XFER_FAIL;
     case SmiResult::busy_timeout:
       printf("\nread SMI reigster interface timeout!!");
       return -1;
@@ -176,7 +171,7 @@ int32_t spi_if_reg_read(uint32_t addr, uint32_t *value) {
 // ---- register primitives -----------------------------------------------------------------
 
 int32_t smi_indirect_read(uint32_t addr, uint32_t *value) {
-  if (!value) return kNullPtr;
+  if (!value) return ACCESS_NULL_PTR;
   return untraced_code(smi_indirect_read_with(kPlainMdio, addr, value));
 }
 
@@ -186,12 +181,12 @@ int32_t smi_indirect_write(uint32_t addr, uint32_t value) {
 
 int32_t reg_read(uint32_t, uint32_t addr, uint32_t *value) {
   if (access_if > ACCESS_IF_RESERVED) return -1;
-  if (!value) return kNullPtr;
+  if (!value) return ACCESS_NULL_PTR;
   switch (access_if) {
     case ACCESS_IF_I2C: return i2c_if_reg_read(addr, value);
     case ACCESS_IF_SMI: return smi_indirect_read(addr, value);
     case ACCESS_IF_SPI: return spi_if_reg_read(addr, value);
-    default: return kReserved;
+    default: return ACCESS_RESERVED_IF;
   }
 }
 
@@ -200,21 +195,21 @@ int32_t reg_write(uint32_t, uint32_t addr, uint32_t value) {
     case ACCESS_IF_I2C: return i2c_if_reg_write(addr, value);
     case ACCESS_IF_SMI: return smi_indirect_write(addr, value);
     case ACCESS_IF_SPI: return spi_if_reg_write(addr, value);
-    case ACCESS_IF_RESERVED: return kReserved;
+    case ACCESS_IF_RESERVED: return ACCESS_RESERVED_IF;
     default: return -1;
   }
 }
 
 int32_t reg_field_get(uint32_t, uint32_t, uint32_t lsp, uint32_t len, uint32_t *field, uint32_t regValue) {
-  if (!field_range_ok(lsp, len)) return kBadField;
-  if (!field) return kNullPtr;
+  if (!field_range_ok(lsp, len)) return ACCESS_BAD_FIELD;
+  if (!field) return ACCESS_NULL_PTR;
   *field = (regValue >> lsp) & len_mask(len);
   return 0;
 }
 
 int32_t reg_field_set(uint32_t, uint32_t, uint32_t lsp, uint32_t len, uint32_t field, uint32_t *regValue) {
-  if (!field_range_ok(lsp, len)) return kBadField;
-  if (!regValue) return kNullPtr;
+  if (!field_range_ok(lsp, len)) return ACCESS_BAD_FIELD;
+  if (!regValue) return ACCESS_NULL_PTR;
   const uint32_t mask = len_mask(len);
   *regValue = (*regValue & ~(mask << lsp)) | ((field & mask) << lsp);
   return 0;
@@ -222,8 +217,8 @@ int32_t reg_field_set(uint32_t, uint32_t, uint32_t lsp, uint32_t len, uint32_t f
 
 int32_t reg_field_read(uint32_t unit, uint32_t addr, uint32_t lsp, uint32_t len, uint32_t *field) {
   if (access_if > ACCESS_IF_RESERVED) return -1;
-  if (!field_range_ok(lsp, len)) return kBadField;
-  if (!field) return kNullPtr;
+  if (!field_range_ok(lsp, len)) return ACCESS_BAD_FIELD;
+  if (!field) return ACCESS_NULL_PTR;
   uint32_t v = 0;
   int32_t rc = reg_read(unit, addr, &v);
   if (rc != 0) return rc;
@@ -245,28 +240,28 @@ int32_t reg_field_write(uint32_t unit, uint32_t addr, uint32_t lsp, uint32_t len
 
 int32_t smi_write16(uint32_t phy, uint32_t, uint32_t reg, uint16_t data) {
   const int32_t rc = g_smi_write ? g_smi_write(phy, reg, data) : static_cast<int32_t>(kNoHook);
-  if (rc != 0) return kXferFail;
+  if (rc != 0) return ACCESS_XFER_FAIL;
   if (tracing()) printf("W[0x%4.4x]=0x%4.4x\n", reg, static_cast<uint32_t>(data));
   return 0;
 }
 
 int32_t smi_read16(uint32_t phy, uint32_t, uint32_t reg, uint16_t *data) {
-  if (!data) return kNullPtr;
+  if (!data) return ACCESS_NULL_PTR;
   const int32_t rc = g_smi_read ? g_smi_read(phy, reg, data) : static_cast<int32_t>(kNoHook);
-  if (rc != 0) return kXferFail;
+  if (rc != 0) return ACCESS_XFER_FAIL;
   if (tracing()) printf("R[0x%4.4x]=0x%4.4x\n", reg, static_cast<uint32_t>(*data));
   return 0;
 }
 
 int32_t asic_reg_read(uint32_t addr, uint32_t *value) {
-  if (!value) return kNullPtr;
+  if (!value) return ACCESS_NULL_PTR;
   int32_t rc;
   switch (access_if) {
     case ACCESS_IF_I2C: rc = i2c_if_reg_read(addr, value); break;
     case ACCESS_IF_SPI: rc = spi_if_reg_read(addr, value); break;
     default: return traced_code(smi_indirect_read_with(kTracedMdio, addr, value));
   }
-  if (rc != 0) return kXferFail;
+  if (rc != 0) return ACCESS_XFER_FAIL;
   if (tracing()) printf("R[0x%4.4x]=0x%4.4x\n", addr, *value);
   return 0;
 }
@@ -278,13 +273,13 @@ int32_t asic_reg_write(uint32_t addr, uint32_t value) {
     case ACCESS_IF_SPI: rc = spi_if_reg_write(addr, value); break;
     default: return traced_code(smi_indirect_write_with(kTracedMdio, addr, value));
   }
-  if (rc != 0) return kXferFail;
+  if (rc != 0) return ACCESS_XFER_FAIL;
   if (tracing()) printf("W[0x%4.4x]=0x%4.4x\n", addr, value);
   return 0;
 }
 
 int32_t asic_reg_bit_set(uint32_t addr, uint32_t bit, uint32_t on) {
-  if (bit > 31) return kBadBits;
+  if (bit > 31) return ACCESS_BAD_BITS;
   uint32_t v = 0;
   int32_t rc = asic_reg_read(addr, &v);
   if (rc != 0) return rc;
@@ -293,8 +288,8 @@ int32_t asic_reg_bit_set(uint32_t addr, uint32_t bit, uint32_t on) {
 }
 
 int32_t asic_reg_bit_get(uint32_t addr, uint32_t bit, uint32_t *out) {
-  if (bit > 31) return kBadBits;
-  if (!out) return kNullPtr;
+  if (bit > 31) return ACCESS_BAD_BITS;
+  if (!out) return ACCESS_NULL_PTR;
   uint32_t v = 0;
   int32_t rc = asic_reg_read(addr, &v);
   if (rc != 0) return rc;
@@ -307,9 +302,9 @@ bool bits_range_ok(uint32_t startBit, uint32_t endBit) { return startBit <= endB
 }  // namespace
 
 int32_t asic_reg_bits_set(uint32_t addr, uint32_t startBit, uint32_t endBit, uint32_t value) {
-  if (!bits_range_ok(startBit, endBit)) return kBadBits;
+  if (!bits_range_ok(startBit, endBit)) return ACCESS_BAD_BITS;
   const uint32_t mask = len_mask(endBit - startBit + 1);
-  if ((value & ~mask) != 0) return kBadBits;
+  if ((value & ~mask) != 0) return ACCESS_BAD_BITS;
   uint32_t v = 0;
   int32_t rc = asic_reg_read(addr, &v);
   if (rc != 0) return rc;
@@ -318,8 +313,8 @@ int32_t asic_reg_bits_set(uint32_t addr, uint32_t startBit, uint32_t endBit, uin
 }
 
 int32_t asic_reg_bits_get(uint32_t addr, uint32_t startBit, uint32_t endBit, uint32_t *out) {
-  if (!bits_range_ok(startBit, endBit)) return kBadBits;
-  if (!out) return kNullPtr;
+  if (!bits_range_ok(startBit, endBit)) return ACCESS_BAD_BITS;
+  if (!out) return ACCESS_NULL_PTR;
   uint32_t v = 0;
   int32_t rc = asic_reg_read(addr, &v);
   if (rc != 0) return rc;
@@ -327,9 +322,11 @@ int32_t asic_reg_bits_get(uint32_t addr, uint32_t startBit, uint32_t endBit, uin
   return 0;
 }
 
+void i2c_burst_hook_register(reg_burst_read_fn fn) { g_i2c_burst = fn; }
+
 int32_t asic_reg_read_burst(uint32_t addr, uint32_t *values, uint32_t n) {
   if (access_if != ACCESS_IF_I2C) return 0;
-  return hx5200_usb_i2c_read_burst(addr, values, n);
+  return g_i2c_burst ? g_i2c_burst(addr, values, n) : ACCESS_FAIL;
 }
 
 // ---- parallel-port register access ---------------------------------------------------------
@@ -343,38 +340,38 @@ uint32_t mask_shift(uint32_t mask) {
 }  // namespace
 
 int32_t lpt_reg_mask_get(uint32_t addr, uint32_t mask, uint32_t *out) {
-  if (mask == 0) return kBadBits;
-  if (!out) return kNullPtr;
+  if (mask == 0) return ACCESS_BAD_BITS;
+  if (!out) return ACCESS_NULL_PTR;
   uint8_t b[2] = {0, 0};
-  if (access_local::lpt_i2c_read(addr, b, 2) != 1) return kXferFail;
+  if (access_local::lpt_i2c_read(addr, b, 2) != 1) return ACCESS_XFER_FAIL;
   const uint32_t v = static_cast<uint32_t>(b[0]) | (static_cast<uint32_t>(b[1]) << 8);
   *out = (v & mask) >> mask_shift(mask);
   return 0;
 }
 
 int32_t lpt_reg_mask_set(uint32_t addr, uint32_t mask, uint32_t value) {
-  if (mask == 0) return kBadBits;
+  if (mask == 0) return ACCESS_BAD_BITS;
   const uint32_t shift = mask_shift(mask);
   const uint64_t shifted = static_cast<uint64_t>(value) << shift;
-  if (shifted > 65535) return kBadBits;
+  if (shifted > 65535) return ACCESS_BAD_BITS;
   uint8_t b[2] = {0, 0};
-  if (access_local::lpt_i2c_read(addr, b, 2) != 1) return kXferFail;
+  if (access_local::lpt_i2c_read(addr, b, 2) != 1) return ACCESS_XFER_FAIL;
   uint32_t v = static_cast<uint32_t>(b[0]) | (static_cast<uint32_t>(b[1]) << 8);
   v = (v & ~mask) | (static_cast<uint32_t>(shifted) & mask);
-  if (access_local::lpt_i2c_write(addr, v) != 1) return kXferFail;
+  if (access_local::lpt_i2c_write(addr, v) != 1) return ACCESS_XFER_FAIL;
   return 0;
 }
 
 // ---- page register -----------------------------------------------------------------------
 
 int32_t page_reg_read(uint32_t addr, uint32_t *value) {
-  if (!value) return kNullPtr;
+  if (!value) return ACCESS_NULL_PTR;
   switch (access_if) {
     case ACCESS_IF_I2C: return i2c_if_reg_read(addr, value);
     case ACCESS_IF_SMI: return smi_indirect_read(addr, value);
     case ACCESS_IF_SPI: return spi_if_reg_read(addr, value);
     case ACCESS_IF_RESERVED:
-      if ((addr & 0xFFFFFF) != PAGE_REG_ADDR) return kReserved;
+      if ((addr & 0xFFFFFF) != PAGE_REG_ADDR) return ACCESS_RESERVED_IF;
       *value = g_emulated_page >> 24;
       return 0;
     default: return -1;
@@ -387,7 +384,7 @@ int32_t page_reg_write(uint32_t addr, uint32_t value) {
     case ACCESS_IF_SMI: return smi_indirect_write(addr, value);
     case ACCESS_IF_SPI: return spi_if_reg_write(addr, value);
     case ACCESS_IF_RESERVED:
-      if ((addr & 0xFFFFFF) != PAGE_REG_ADDR) return kReserved;
+      if ((addr & 0xFFFFFF) != PAGE_REG_ADDR) return ACCESS_RESERVED_IF;
       g_emulated_page = (g_emulated_page & 0x00FFFFFFu) | ((value & 0xFFu) << 24);
       return 0;
     default: return -1;

@@ -22,6 +22,18 @@ extern uint32_t reg_debug_trace; // 0x8370 makes the traced primitives print eve
 
 void access_if_set(uint32_t n);
 
+// ---- result codes ----------------------------------------------------------------------
+// What the access primitives and the adapter's transfers return (0 is success).
+inline constexpr int32_t ACCESS_FAIL = -1;          // general failure, retries used up
+inline constexpr int32_t ACCESS_BAD_FIELD = -2;     // bad field range, failed MDIO step
+inline constexpr int32_t ACCESS_NULL_PTR = -8;
+inline constexpr int32_t ACCESS_RESERVED_IF = -24;  // the reserved interface is selected
+inline constexpr int32_t ACCESS_BAD_BITS = -1000;   // bit number or range out of 0..31
+inline constexpr int32_t ACCESS_XFER_FAIL = -1001;  // a traced transfer failed
+inline constexpr int32_t ACCESS_NO_ADAPTER = 8;     // the USB I/O adapter is not there
+inline constexpr int32_t ACCESS_SMI_TIMEOUT = 15;   // SMI busy bit never cleared
+inline constexpr int32_t ACCESS_NO_ACK = 24;        // no I2C acknowledge
+
 // ---- register hooks ------------------------------------------------------------------
 typedef int32_t (*reg_write_fn)(uint32_t addr, uint32_t value);
 typedef int32_t (*reg_read_fn)(uint32_t addr, uint32_t *value);
@@ -86,8 +98,11 @@ int32_t smi_read16(uint32_t phy, uint32_t page, uint32_t reg, uint16_t *data);
 int32_t lpt_reg_mask_set(uint32_t addr, uint32_t mask, uint32_t value);
 int32_t lpt_reg_mask_get(uint32_t addr, uint32_t mask, uint32_t *out);
 
-// Burst read of n consecutive registers; only the USB adapter's I2C side performs it,
-// other interfaces return 0 without reading.
+// Burst read of n consecutive registers; only the USB adapter's I2C side performs it
+// (it registers the hook together with its I2C pair), other interfaces return 0 without
+// reading. Without a hook the I2C burst fails with ACCESS_FAIL.
+typedef int32_t (*reg_burst_read_fn)(uint32_t addr, uint32_t *values, uint32_t n);
+void i2c_burst_hook_register(reg_burst_read_fn fn);
 int32_t asic_reg_read_burst(uint32_t addr, uint32_t *values, uint32_t n);
 
 // ---- page register -------------------------------------------------------------------

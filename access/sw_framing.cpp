@@ -31,7 +31,6 @@ TwoWireLines g_i2c;
 TwoWireLines g_smi;
 SpiLines g_spi;
 
-constexpr int32_t kNoAck = 24;
 constexpr int kAckWindow = 9;    // acknowledge must come within these samples
 constexpr int kAckSamples = 10;  // one more sample is taken before giving up
 
@@ -81,7 +80,7 @@ int32_t i2c_check_ack() {
   g_i2c.dataDir(1);
   if (!acked) {
     i2c_stop();
-    return kNoAck;
+    return ACCESS_NO_ACK;
   }
   return 0;
 }

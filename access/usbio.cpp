@@ -11,6 +11,7 @@
 
 #include "access/access.h"
 #include "access/access_local.h"
+#include "access/usbio_protocol.h"
 
 usb_dev_handle *usbio_handle = nullptr;
 uint8_t usbio_flash_param = 15;
@@ -18,21 +19,7 @@ uint8_t usbio_flash_param = 15;
 namespace {
 
 // ---- protocol constants ----------------------------------------------------------------------
-constexpr std::array<uint8_t, 6> kMagic{0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
-constexpr size_t kHeader = 24;
-constexpr size_t kMaxAddrBlock = 16;
-constexpr size_t kTrailer = 4;  // four 0xFF after the data of a data packet / response
-constexpr size_t kMaxData = 0xFFFF;
-
-constexpr uint8_t kAck = 0xAA;
-constexpr uint8_t kNak = 0xAB;
-constexpr uint8_t kWriteDone = 0xBA;
-constexpr uint8_t kConfigDone = 0xCA;
-constexpr uint8_t kFlashMissing = 0xAC;
-
-constexpr uint8_t kCodeI2cConfig = 0x11, kCodeI2cWrite = 0x13, kCodeI2cRead = 0x14, kCodeI2cFlash = 0x15;
-constexpr uint8_t kCodeSpiConfig = 0x21, kCodeSpiWrite = 0x23, kCodeSpiRead = 0x24, kCodeSpiFlash = 0x25;
-constexpr uint8_t kCodeSpiConfig2 = 0x41, kCodeSmiWrite = 0x43, kCodeSmiRead = 0x44, kCodeSmiFlash = 0x45;
+using namespace usbio_proto;
 
 constexpr uint32_t kRegTimeoutUs = 200'000;
 constexpr uint32_t kBurstTimeoutUs = 40'000'000;
@@ -437,8 +424,8 @@ int usbio_flash_write(usb_dev_handle *h, uint8_t code, uint32_t flashAddr, const
 // ---- register-level transfers ---------------------------------------------------------------------
 
 int32_t hx5200_usb_i2c_read(uint32_t addr, uint32_t *value) {
-  if (!adapter_open("HX5200_USB_I2C_READ_NEW", kLineI2cRead)) return 8;
-  if (!value) return -8;
+  if (!adapter_open("HX5200_USB_I2C_READ_NEW", kLineI2cRead)) return ACCESS_NO_ADAPTER;
+  if (!value) return ACCESS_NULL_PTR;
   uint8_t a[3];
   i2c_addr_block(addr, a);
   uint8_t d[4] = {};
@@ -450,7 +437,7 @@ int32_t hx5200_usb_i2c_read(uint32_t addr, uint32_t *value) {
 }
 
 int32_t hx5200_usb_i2c_read_burst(uint32_t addr, uint32_t *values, uint32_t n) {
-  if (!adapter_open("HX5200_USB_I2C_READ_BURST", kLineI2cBurst)) return 8;
+  if (!adapter_open("HX5200_USB_I2C_READ_BURST", kLineI2cBurst)) return ACCESS_NO_ADAPTER;
   if (n == 0) return 0;
   if (!values || n > kMaxData / 4) return -1;
   uint8_t a[3];
@@ -466,7 +453,7 @@ int32_t hx5200_usb_i2c_read_burst(uint32_t addr, uint32_t *values, uint32_t n) {
 }
 
 int32_t hx5200_usb_i2c_write(uint32_t addr, uint32_t value) {
-  if (!adapter_open("HX5200_USB_I2C_WRITE_NEW", kLineI2cWrite)) return 8;
+  if (!adapter_open("HX5200_USB_I2C_WRITE_NEW", kLineI2cWrite)) return ACCESS_NO_ADAPTER;
   uint8_t a[3];
   i2c_addr_block(addr, a);
   const uint8_t d[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
@@ -477,12 +464,12 @@ int32_t hx5200_usb_i2c_write(uint32_t addr, uint32_t value) {
 }
 
 int32_t hx5200_usb_i2c_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!adapter_open("HX5200_USB_I2C_FLASH_WRITE_NEW", kLineI2cFlash)) return 8;
+  if (!adapter_open("HX5200_USB_I2C_FLASH_WRITE_NEW", kLineI2cFlash)) return ACCESS_NO_ADAPTER;
   return flash_write_with_retry(kCodeI2cFlash, i2c_retry_limit, flashAddr, data, len, flag);
 }
 
 int32_t hx5200_usb_spi_write(uint32_t addr, uint32_t value) {
-  if (!usbio_handle) return 8;
+  if (!usbio_handle) return ACCESS_NO_ADAPTER;
   uint8_t a[5];
   spi_addr_block(0x02, addr, a);
   const uint8_t d[4] = {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
@@ -494,7 +481,7 @@ int32_t hx5200_usb_spi_write(uint32_t addr, uint32_t value) {
 
 // No open check here: with no adapter the attempts fail and the result is -1.
 int32_t hx5200_usb_spi_read(uint32_t addr, uint32_t *value) {
-  if (!value) return -8;
+  if (!value) return ACCESS_NULL_PTR;
   uint8_t a[5];
   spi_addr_block(0x03, addr, a);
   uint8_t d[4] = {};
@@ -506,12 +493,12 @@ int32_t hx5200_usb_spi_read(uint32_t addr, uint32_t *value) {
 }
 
 int32_t hx5200_usb_spi_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!usbio_handle) return 8;
+  if (!usbio_handle) return ACCESS_NO_ADAPTER;
   return flash_write_with_retry(kCodeSpiFlash, spi_retry_limit, flashAddr, data, len, flag);
 }
 
 int32_t hx5200_usb_smi_write(uint32_t phy, uint32_t reg, uint16_t data) {
-  if (!adapter_open("HX5200_SMI_WRITE_HXK", kLineSmiWrite)) return 8;
+  if (!adapter_open("HX5200_SMI_WRITE_HXK", kLineSmiWrite)) return ACCESS_NO_ADAPTER;
   const uint8_t d[2] = {static_cast<uint8_t>(data >> 8), static_cast<uint8_t>(data)};
   return with_retry(smi_retry_limit, [&] {
     return usbio_smi_write(usbio_handle, kCodeSmiWrite, static_cast<uint8_t>(phy), static_cast<uint8_t>(reg), d, 2,
@@ -520,8 +507,8 @@ int32_t hx5200_usb_smi_write(uint32_t phy, uint32_t reg, uint16_t data) {
 }
 
 int32_t hx5200_usb_smi_read(uint32_t phy, uint32_t reg, uint16_t *data) {
-  if (!adapter_open("HX5200_SMI_READ_HXK", kLineSmiRead)) return 8;
-  if (!data) return -8;
+  if (!adapter_open("HX5200_SMI_READ_HXK", kLineSmiRead)) return ACCESS_NO_ADAPTER;
+  if (!data) return ACCESS_NULL_PTR;
   uint8_t d[2] = {};
   const int32_t rc = with_retry(smi_retry_limit, [&] {
     return usbio_smi_read(usbio_handle, kCodeSmiRead, static_cast<uint8_t>(phy), static_cast<uint8_t>(reg), d, 2,
@@ -536,13 +523,16 @@ int32_t hx5200_usb_smi_read(uint32_t phy, uint32_t reg, uint16_t *data) {
 }
 
 int32_t hx5200_usb_smi_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!adapter_open("HX5200_USB_SMI_FLASH_WRITE_NEW", kLineSmiFlash)) return 8;
+  if (!adapter_open("HX5200_USB_SMI_FLASH_WRITE_NEW", kLineSmiFlash)) return ACCESS_NO_ADAPTER;
   return flash_write_with_retry(kCodeSmiFlash, smi_retry_limit, flashAddr, data, len, flag);
 }
 
 // ---- interface installation ---------------------------------------------------------------------
 
-int32_t usbio_use_i2c(void) { return i2c_hooks_register(hx5200_usb_i2c_write, hx5200_usb_i2c_read); }
+int32_t usbio_use_i2c(void) {
+  i2c_burst_hook_register(hx5200_usb_i2c_read_burst);
+  return i2c_hooks_register(hx5200_usb_i2c_write, hx5200_usb_i2c_read);
+}
 
 int32_t usbio_use_smi(void) {
   smi_line_hooks_set(smi_line_both, smi_line_one, smi_line_one, smi_line_sample, smi_line_spare);

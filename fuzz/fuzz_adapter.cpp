@@ -15,6 +15,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "access/usbio_protocol.h"
 #include "fuzz/fuzz_util.h"
 
 // ---- virtual clock ------------------------------------------------------------------------
@@ -44,8 +45,7 @@ namespace {
 
 // ---- the scripted adapter ---------------------------------------------------------------------
 
-constexpr std::array<uint8_t, 6> kMagic{0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
-constexpr size_t kHeader = 24;
+using namespace usbio_proto;
 
 struct Adapter {
   ByteReader *script = nullptr;
@@ -70,7 +70,7 @@ bool isHeader(const uint8_t *p, int size) {
          memcmp(p, kMagic.data(), kMagic.size()) == 0;
 }
 
-bool isWriteCode(uint8_t code) { return code == 0x13 || code == 0x23 || code == 0x43; }
+bool isWriteCode(uint8_t code) { return code == kCodeI2cWrite || code == kCodeSpiWrite || code == kCodeSmiWrite; }
 
 void fakeInit() {}
 int fakeFindBusses() { return 0; }
@@ -108,7 +108,7 @@ int fakeRelease(usb_dev_handle *h, int) {
   return 0;
 }
 
-bool isReadCode(uint8_t code) { return code == 0x14 || code == 0x24 || code == 0x44; }
+bool isReadCode(uint8_t code) { return code == kCodeI2cRead || code == kCodeSpiRead || code == kCodeSmiRead; }
 
 // Host to adapter: every packet must be well formed for what the host announced.
 int fakeBulkWrite(usb_dev_handle *h, int ep, char *bytes, int size, int timeout) {
@@ -142,11 +142,11 @@ int fakeBulkWrite(usb_dev_handle *h, int ep, char *bytes, int size, int timeout)
 // Follows the exchange when a status byte reaches the host.
 void statusDelivered(uint8_t b) {
   Adapter &a = g_adapter;
-  if (a.phase == Adapter::Phase::status && b == 0xAA)
+  if (a.phase == Adapter::Phase::status && b == kAck)
     a.phase = a.flashWrite || isWriteCode(a.code) ? Adapter::Phase::data
               : isReadCode(a.code)                ? Adapter::Phase::response
                                                   : Adapter::Phase::done;
-  else if (a.phase == Adapter::Phase::done && (b == 0xBA || b == 0xCA))
+  else if (a.phase == Adapter::Phase::done && (b == kWriteDone || b == kConfigDone))
     a.phase = Adapter::Phase::idle;
 }
 
@@ -155,11 +155,11 @@ int rightAnswer(uint8_t *out, int size) {
   Adapter &a = g_adapter;
   switch (a.phase) {
     case Adapter::Phase::status:
-      out[0] = 0xAA;
+      out[0] = kAck;
       statusDelivered(out[0]);
       return 1;
     case Adapter::Phase::done:
-      out[0] = (a.flashWrite || isWriteCode(a.code)) ? 0xBA : 0xCA;
+      out[0] = (a.flashWrite || isWriteCode(a.code)) ? kWriteDone : kConfigDone;
       statusDelivered(out[0]);
       return 1;
     case Adapter::Phase::response: {
@@ -237,10 +237,10 @@ std::vector<uint8_t> makeData(size_t n, uint32_t seed) {
 uint32_t timeoutOf(ByteReader &in) { return in.u16() * 20u; }   // up to 1.3 s, virtual
 
 // Command codes by exchange, as the tool uses them.
-constexpr uint8_t kConfigCodes[] = {0x11, 0x21, 0x41};
-constexpr uint8_t kWriteCodes[] = {0x13, 0x23, 0x43};
-constexpr uint8_t kReadCodes[] = {0x14, 0x24, 0x44};
-constexpr uint8_t kFlashCodes[] = {0x15, 0x25, 0x45};
+constexpr uint8_t kConfigCodes[] = {kCodeI2cConfig, kCodeSpiConfig, kCodeSpiConfig2};
+constexpr uint8_t kWriteCodes[] = {kCodeI2cWrite, kCodeSpiWrite, kCodeSmiWrite};
+constexpr uint8_t kReadCodes[] = {kCodeI2cRead, kCodeSpiRead, kCodeSmiRead};
+constexpr uint8_t kFlashCodes[] = {kCodeI2cFlash, kCodeSpiFlash, kCodeSmiFlash};
 uint8_t pick(const uint8_t (&codes)[3], ByteReader &in) { return codes[in.u8() % 3]; }
 
 void runOperation(ByteReader &in) {

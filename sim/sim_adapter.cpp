@@ -10,16 +10,15 @@
 #include <string_view>
 
 #include "access/usbio.h"
+#include "access/usbio_protocol.h"
 #include "sim/sim_board.h"
 #include "sim/sim_chip.h"
 
 namespace sim {
 namespace {
 
-constexpr std::array<uint8_t, 6> kMagic = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
-constexpr size_t kHdr = 24;
-constexpr uint8_t kAck = 0xAA, kNak = 0xAB, kWriteDone = 0xBA, kConfigDone = 0xCA, kDataMissing = 0xAC;
-constexpr uint8_t kBadStatus = 0xEE;
+using namespace usbio_proto;
+constexpr uint8_t kBadStatus = 0xEE;   // the `badstatus` fault's answer, no protocol byte
 
 // ---- faults -------------------------------------------------------------------------
 struct FaultAt {
@@ -67,7 +66,7 @@ Fault fault_for(uint32_t n) {
 }
 
 // ---- IN side: pending transfers to the host -------------------------------------------
-constexpr size_t kMaxResp = kHdr + 8 + 0xFFFF + 4;
+constexpr size_t kMaxResp = kHeader + 8 + kMaxData + kTrailer;
 std::array<uint8_t, kMaxResp> g_resp{};   // the one pending response packet
 
 struct InPacket {
@@ -111,7 +110,7 @@ inline uint16_t be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
 inline uint32_t be32(const uint8_t *p) { return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3]; }
 
 bool looks_like_header(const uint8_t *b, size_t size) {
-  return size >= kHdr && std::memcmp(b, kMagic.data(), kMagic.size()) == 0;
+  return size >= kHeader && std::memcmp(b, kMagic.data(), kMagic.size()) == 0;
 }
 
 // Register data words: I2C least significant byte first, SPI most significant first.
@@ -123,7 +122,7 @@ void word_to(uint8_t *p, uint32_t v, bool msbFirst) {
 }
 
 void do_register_write(const uint8_t *data) {
-  const bool spi = g_pend.code == 0x23;
+  const bool spi = g_pend.code == kCodeSpiWrite;
   for (uint32_t i = 0; i < g_pend.dataLen / 4u; ++i)
     chip_write(chip_decode(g_pend.addr + 4 * i), word_from(data + 4 * i, spi));
 }
@@ -133,25 +132,25 @@ void do_register_write(const uint8_t *data) {
 uint32_t build_read_response(const uint8_t *hdr, uint8_t code, uint32_t addr, uint16_t n, bool wrong) {
   const uint8_t alen = hdr[23];
   uint8_t *r = g_resp.data();
-  std::memset(r, 0, kHdr);
+  std::memset(r, 0, kHeader);
   std::memcpy(r, kMagic.data(), kMagic.size());
-  r[6] = (uint8_t)(kHdr + alen);
+  r[6] = (uint8_t)(kHeader + alen);
   r[8] = wrong ? (uint8_t)(code ^ 0x80) : code;
   r[9] = hdr[9];
   r[12] = (uint8_t)(n >> 8);
   r[13] = (uint8_t)n;
   r[23] = alen;
-  std::memcpy(r + kHdr, hdr + kHdr, alen);
-  uint8_t *d = r + kHdr + alen;
-  if (code == 0x44) {
+  std::memcpy(r + kHeader, hdr + kHeader, alen);
+  uint8_t *d = r + kHeader + alen;
+  if (code == kCodeSmiRead) {
     uint16_t v = mdio_read(hdr[16], hdr[18]);
     d[0] = (uint8_t)(v >> 8);
     d[1] = (uint8_t)v;
   } else {
-    for (uint32_t i = 0; i < n / 4u; ++i) word_to(d + 4 * i, chip_read(chip_decode(addr + 4 * i)), code == 0x24);
+    for (uint32_t i = 0; i < n / 4u; ++i) word_to(d + 4 * i, chip_read(chip_decode(addr + 4 * i)), code == kCodeSpiRead);
   }
   std::memset(d + n, 0xFF, 4);
-  return kHdr + alen + n + 4;
+  return kHeader + alen + n + 4;
 }
 
 // A command header: queue the status byte (and for reads the response) or wait for data.
@@ -166,57 +165,57 @@ void on_header(const uint8_t *b, size_t size) {
   const uint8_t code = b[8], sub = b[9], alen = b[23];
   const uint16_t wlen = be16(b + 10), rlen = be16(b + 12);
   const uint16_t paramB = be16(b + 17);
-  const uint8_t *blk = b + kHdr;
-  const bool shapeOk = size == kHdr + alen && b[6] == kHdr + alen;
+  const uint8_t *blk = b + kHeader;
+  const bool shapeOk = size == kHeader + alen && b[6] == kHeader + alen;
   const bool i2cOk = g_ad.i2cAddr == kI2cDevAddr;
   bool ok = shapeOk;
 
   switch (code) {
-    case 0x11:
-    case 0x21:
-    case 0x41:
-      ok = ok && alen == 0 && sub == (code == 0x41 ? 0 : 1);
+    case kCodeI2cConfig:
+    case kCodeSpiConfig:
+    case kCodeSpiConfig2:
+      ok = ok && alen == 0 && sub == (code == kCodeSpiConfig2 ? 0 : 1);
       if (!ok) break;
-      if (code == 0x11) g_ad.i2cAddr = paramB;
-      else if (code == 0x21) g_ad.spiParamA = b[14];
+      if (code == kCodeI2cConfig) g_ad.i2cAddr = paramB;
+      else if (code == kCodeSpiConfig) g_ad.spiParamA = b[14];
       else g_ad.spiParam2 = b[14];
       push_status(kAck);
       if (!noComplete) push_status(kConfigDone);
       return;
-    case 0x13:
-    case 0x23: {
-      const bool spi = code == 0x23;
+    case kCodeI2cWrite:
+    case kCodeSpiWrite: {
+      const bool spi = code == kCodeSpiWrite;
       ok = ok && sub == 1 && alen == (spi ? 4 : 3) && wlen > 0 && wlen % 4 == 0 && (spi ? blk[0] == 0x02 : i2cOk);
       if (!ok) break;
       const uint32_t addr = spi ? (uint32_t)blk[1] << 16 | blk[2] << 8 | blk[3] : (uint32_t)blk[0] | blk[1] << 8 | blk[2] << 16;
       g_pend = {true, code, wlen, addr, 0, 0, 0, noComplete};
       return push_status(kAck);
     }
-    case 0x43:
+    case kCodeSmiWrite:
       ok = ok && sub == 0 && alen == 0 && wlen == 2;
       if (!ok) break;
       g_pend = {true, code, wlen, 0, b[16], b[18], 0, noComplete};
       return push_status(kAck);
-    case 0x14:
-    case 0x24:
-    case 0x44: {
-      const bool spi = code == 0x24, smi = code == 0x44;
+    case kCodeI2cRead:
+    case kCodeSpiRead:
+    case kCodeSmiRead: {
+      const bool spi = code == kCodeSpiRead, smi = code == kCodeSmiRead;
       if (smi) ok = ok && sub == 0 && alen == 0 && rlen == 2;
       else ok = ok && sub == 1 && alen == (spi ? 5 : 3) && rlen > 0 && rlen % 4 == 0 && (spi ? blk[0] == 0x03 : i2cOk);
       if (!ok) break;
       uint32_t addr = 0;
-      if (code == 0x14) addr = (uint32_t)blk[0] | blk[1] << 8 | blk[2] << 16;
+      if (code == kCodeI2cRead) addr = (uint32_t)blk[0] | blk[1] << 8 | blk[2] << 16;
       if (spi) addr = (uint32_t)blk[1] << 16 | blk[2] << 8 | blk[3];
       push_status(kAck);
       if (noComplete) return;
       const uint32_t n = build_read_response(b, code, addr, rlen, f == Fault::wrongcode);
       return in_push({n, 0, true});
     }
-    case 0x15:
-    case 0x25:
-    case 0x45:
-      ok = size == kHdr && b[6] == kHdr && b[7] == 1 && alen == 0 && wlen > 0 &&
-           sub == (code == 0x45 ? 0 : 1) && (code != 0x15 || i2cOk);
+    case kCodeI2cFlash:
+    case kCodeSpiFlash:
+    case kCodeSmiFlash:
+      ok = size == kHeader && b[6] == kHeader && b[7] == 1 && alen == 0 && wlen > 0 &&
+           sub == (code == kCodeSmiFlash ? 0 : 1) && (code != kCodeI2cFlash || i2cOk);
       if (!ok) break;
       g_pend = {true, code, wlen, be32(b + 15), 0, 0, b[20], noComplete, f == Fault::datamissing};
       return push_status(kAck);
@@ -227,18 +226,18 @@ void on_header(const uint8_t *b, size_t size) {
 }
 
 void on_data(const uint8_t *b, size_t size) {
-  const bool flash = g_pend.code == 0x15 || g_pend.code == 0x25 || g_pend.code == 0x45;
+  const bool flash = g_pend.code == kCodeI2cFlash || g_pend.code == kCodeSpiFlash || g_pend.code == kCodeSmiFlash;
   if (size != g_pend.dataLen + 4u || g_pend.dataMissing) {
     // A register write keeps waiting for its data; a flash write asks for it again.
     if (flash) {
       g_pend = Pending{};
-      push_status(kDataMissing);
+      push_status(kFlashMissing);
     }
     return;
   }
   if (flash) {
     if (g_flashSink) g_flashSink(g_pend.addr, b, g_pend.dataLen, g_pend.flag);
-  } else if (g_pend.code == 0x43) {
+  } else if (g_pend.code == kCodeSmiWrite) {
     mdio_write(g_pend.phy, g_pend.reg, be16(b));
   } else {
     do_register_write(b);

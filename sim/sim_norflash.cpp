@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "internal/common/spi_nor.h"
+
 namespace sim {
 namespace {
 
@@ -17,9 +19,9 @@ uint32_t addr24(const uint8_t *tx) { return (uint32_t)tx[1] << 16 | (uint32_t)tx
 // Data lines a read opcode expects to be clocked in on; 0 for anything that is not a read.
 unsigned read_lines(uint8_t op) {
   switch (op) {
-    case 0x03: case 0x0B: return 1;
-    case 0x3B: case 0xBB: return 2;
-    case 0x6B: case 0xEB: return 4;
+    case nor::kRead: case nor::kFastRead: return 1;
+    case nor::kDualRead: case nor::kDualIoRead: return 2;
+    case nor::kQuadRead: case nor::kQuadIoRead: return 4;
     default: return 0;
   }
 }
@@ -71,49 +73,49 @@ bool NorFlash::transfer(const uint8_t *tx, size_t txLen, uint8_t *rx, size_t rxL
   const uint8_t op = tx[0];
 
   // While an operation runs the part answers nothing but its status registers.
-  if (busy() && op != 0x05 && op != 0x35) return false;
+  if (busy() && op != nor::kReadStatus && op != nor::kReadConfig) return false;
 
   switch (op) {
-    case 0x05: {
+    case nor::kReadStatus: {
       for (size_t i = 0; i < rxLen; ++i) rx[i] = read_status();
       return false;
     }
-    case 0x35:
+    case nor::kReadConfig:
       if (rxLen) std::memset(rx, config, rxLen);
       return false;
-    case 0x9F: {
+    case nor::kJedecId: {
       const uint8_t id[3] = {kManufacturer, kMemType, kCapacity};
       std::memcpy(rx, id, rxLen < 3 ? rxLen : 3);
       return false;
     }
-    case 0x06:
+    case nor::kWriteEnable:
       wel = true;
       return false;
-    case 0x04:
+    case nor::kWriteDisable:
       wel = false;
       return false;
-    case 0x01:
+    case nor::kWriteStatus:
       if (!wel || txLen < 2) return false;
       wel = false;
       status = tx[1] & (uint8_t)~(kWip | kWel);
       if (txLen >= 3) config = tx[2];
       start_busy();
       return false;
-    case 0x02: case 0x32: case 0x38:
+    case nor::kPageProgram: case nor::kQuadPageProgram: case nor::kQuadPageProgramMx:
       if (!wel || txLen < 4) return false;
       wel = false;
       if (is_protected()) return false;
       program(addr24(tx), tx + 4, txLen - 4);
       start_busy();
       return false;
-    case 0x20: case 0xD8:
+    case nor::kSectorErase: case nor::kBlockErase:
       if (!wel || txLen < 4) return false;
       wel = false;
       if (is_protected()) return false;
-      erase(addr24(tx), op == 0x20 ? kSector : kBlock);
+      erase(addr24(tx), op == nor::kSectorErase ? kSector : kBlock);
       start_busy();
       return false;
-    case 0xC7: case 0x60:
+    case nor::kChipErase: case nor::kChipEraseAlt:
       if (!wel) return false;
       wel = false;
       if (is_protected()) return false;

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "internal/common/spi_nor.h"
+
 namespace sim {
 
 struct NorFlash {
@@ -16,10 +18,10 @@ struct NorFlash {
   static constexpr uint32_t kBlock = 65536;
   static constexpr uint8_t kManufacturer = 0xEF, kMemType = 0x40, kCapacity = 0x16;
 
-  static constexpr uint8_t kWip = 0x01;      // status bit 0: operation in progress
-  static constexpr uint8_t kWel = 0x02;      // status bit 1: write enable latch
-  static constexpr uint8_t kProtect = 0xBC;  // status bits 2-5 and 7: block protection
-  static constexpr uint8_t kQe = 0x02;       // configuration bit 1: quad enable
+  static constexpr uint8_t kWip = nor::kStatusWip;
+  static constexpr uint8_t kWel = nor::kStatusWel;
+  static constexpr uint8_t kProtect = nor::kStatusProtect;
+  static constexpr uint8_t kQe = nor::kConfigQe;
 
   uint8_t *mem = nullptr;   // kSize bytes
   uint8_t status = 0;       // non-volatile status bits (never WIP or WEL)

@@ -115,8 +115,10 @@ uint8_t *image() {
 
 bool addressed(uint8_t op) {
   switch (op) {
-    case 0x02: case 0x32: case 0x38: case 0x20: case 0xD8:
-    case 0x03: case 0x0B: case 0x3B: case 0x6B: case 0xBB: case 0xEB:
+    case nor::kPageProgram: case nor::kQuadPageProgram: case nor::kQuadPageProgramMx:
+    case nor::kSectorErase: case nor::kBlockErase:
+    case nor::kRead: case nor::kFastRead: case nor::kDualRead: case nor::kQuadRead:
+    case nor::kDualIoRead: case nor::kQuadIoRead:
       return true;
     default:
       return false;

@@ -10,13 +10,14 @@
 #include <cstring>
 
 #include "access/access.h"
+#include "internal/common/spi_nor.h"
 
 namespace {
 
 constexpr spi_flash_cfg_t kInitialCfg = {
     /*channel*/ 1, /*reqChannel*/ 1, /*reqClock*/ 12, /*clock*/ 12, /*divisor*/ 8,
     /*dummyCycles*/ 0, /*furtherMode*/ 1, /*sysDelay*/ 15, /*pollLimit*/ 152000000,
-    /*pgOpcode*/ 0x02, /*rdOpcode*/ 0x03, /*rdcrOpcode*/ 0x35, /*dummyByte*/ 0xFF,
+    /*pgOpcode*/ nor::kPageProgram, /*rdOpcode*/ nor::kRead, /*rdcrOpcode*/ nor::kReadConfig, /*dummyByte*/ 0xFF,
     /*quadFlag1*/ 1, /*quadFlag2*/ 1, /*skipWip*/ 0};
 
 }  // namespace
@@ -118,17 +119,17 @@ int32_t on_page(uint32_t page, Body &&body) {
 // Dummy cycles implied by a read opcode (parameter block value 15).
 uint32_t dummy_for_opcode(uint8_t op) {
   switch (op) {
-    case 0x0B: case 0x3B: case 0x6B: return 8;
-    case 0xBB: return 4;
-    case 0xEB: return 6;
+    case nor::kFastRead: case nor::kDualRead: case nor::kQuadRead: return 8;
+    case nor::kDualIoRead: return 4;
+    case nor::kQuadIoRead: return 6;
     default: return 0;
   }
 }
 
 uint8_t default_read_opcode(uint32_t channel, uint32_t clock) {
-  if (channel == 2) return 0x3B;
-  if (channel == 4) return 0x6B;
-  return clock > 25 ? 0x0B : 0x03;
+  if (channel == 2) return nor::kDualRead;
+  if (channel == 4) return nor::kQuadRead;
+  return clock > 25 ? nor::kFastRead : nor::kRead;
 }
 
 // Control, format and sample delay for a read on the channel in effect. A multi-line read
@@ -200,9 +201,9 @@ int32_t enable_quad_mode(void) {
   TRY(spi_flash_read_status(&st));
   if (cfg.furtherMode == 1) {
     TRY(spi_flash_read_config(&cr));
-    TRY(spi_flash_write_status(st, (uint8_t)(cr | 0x02), true));
+    TRY(spi_flash_write_status(st, (uint8_t)(cr | nor::kConfigQe), true));
   } else {
-    TRY(spi_flash_write_status((uint8_t)(st | 0x40), 0, false));
+    TRY(spi_flash_write_status((uint8_t)(st | nor::kStatusQeMx), 0, false));
   }
   // The status write is still running; the search must not read into it.
   return spi_flash_wait_wip();
@@ -226,9 +227,9 @@ void apply_param_block(const std::array<uint8_t, 10> &pb) {
   cfg.quadFlag2 = pb[2] >> 7;
   uint32_t mhz = 0;
   if (spi_flash_get_clock(&mhz) == 0) cfg.clock = mhz;
-  cfg.pgOpcode = pb[3] != 0xFF ? pb[3] : (cfg.channel == 4 ? 0x32 : 0x02);
+  cfg.pgOpcode = pb[3] != 0xFF ? pb[3] : (cfg.channel == 4 ? nor::kQuadPageProgram : nor::kPageProgram);
   cfg.rdOpcode = pb[4] != 0xFF ? pb[4] : default_read_opcode(cfg.channel, cfg.clock);
-  cfg.rdcrOpcode = pb[5] != 0xFF ? pb[5] : 0x35;
+  cfg.rdcrOpcode = pb[5] != 0xFF ? pb[5] : nor::kReadConfig;
   cfg.dummyByte = pb[6];
   uint32_t dummy = pb[7] & 0x0F;
   cfg.dummyCycles = dummy == 15 ? dummy_for_opcode(cfg.rdOpcode) : dummy;
@@ -277,17 +278,17 @@ int32_t spi_flash_wait_wip(void) {
   for (uint32_t polls = 0; polls < cfg.pollLimit; ++polls) {
     uint8_t st = 0;
     TRY(spi_flash_read_status(&st));
-    if (!(st & 1)) return 0;
+    if (!(st & nor::kStatusWip)) return 0;
   }
   return 11;
 }
 
-int32_t spi_flash_read_status(uint8_t *status) { return read_byte_reg(0x05, status); }
+int32_t spi_flash_read_status(uint8_t *status) { return read_byte_reg(nor::kReadStatus, status); }
 int32_t spi_flash_read_config(uint8_t *config) { return read_byte_reg(cfg.rdcrOpcode, config); }
 
 int32_t spi_flash_read_id(uint32_t *id) {
   uint32_t w = 0;
-  TRY(read_reg(0x9F, 3, &w));
+  TRY(read_reg(nor::kJedecId, 3, &w));
   *id = w & 0xFFFFFF;
   return 0;
 }
@@ -303,10 +304,10 @@ int32_t spi_flash_capacity(uint32_t *bytes) {
 int32_t spi_flash_write_status(uint8_t status, uint8_t config, bool twoBytes) {
   TRY(spi_flash_wait_idle());
   TRY(setup(0, 1, 1, cfg.sysDelay));
-  TRY(wr_byte(0x06));
+  TRY(wr_byte(nor::kWriteEnable));
   TRY(run());
   TRY(wr(SPIC_FORMAT, twoBytes ? 2 : 1));
-  TRY(wr_byte(0x01));
+  TRY(wr_byte(nor::kWriteStatus));
   TRY(wr_byte(status));
   if (twoBytes) TRY(wr_byte(config));
   TRY(run());
@@ -314,8 +315,8 @@ int32_t spi_flash_write_status(uint8_t status, uint8_t config, bool twoBytes) {
   return 0;
 }
 
-int32_t spi_flash_write_enable(void) { return write_latch(0x06, true); }
-int32_t spi_flash_write_disable(void) { return write_latch(0x04, false); }
+int32_t spi_flash_write_enable(void) { return write_latch(nor::kWriteEnable, true); }
+int32_t spi_flash_write_disable(void) { return write_latch(nor::kWriteDisable, false); }
 
 int32_t spi_flash_clear_protect(void) {
   uint8_t st = 0;
@@ -323,7 +324,7 @@ int32_t spi_flash_clear_protect(void) {
   TRY(spi_flash_wait_wip());
   TRY(spi_flash_read_status(&st));
   if (!(st & SPIF_PROTECT_MASK)) return 0;
-  TRY(spi_flash_write_status((uint8_t)(st & 0x43), 0, false));
+  TRY(spi_flash_write_status((uint8_t)(st & ~SPIF_PROTECT_MASK), 0, false));
   TRY(spi_flash_read_status(&st));
   return (st & SPIF_PROTECT_MASK) ? -1 : 0;
 }
@@ -368,7 +369,7 @@ int32_t spi_flash_program(uint32_t addr, const uint8_t *data, uint32_t len) {
     } else {
       TRY(wr(SPIC_CTRL, 0));
     }
-    TRY(wr_byte(0x06));
+    TRY(wr_byte(nor::kWriteEnable));
     TRY(run());
     TRY(wr(SPIC_DATA, spi_flash_addr_word(cfg.pgOpcode, at)));
     const uint8_t *p = data + done;
@@ -408,10 +409,10 @@ int32_t spi_flash_erase(uint32_t addr, uint32_t kind) {
   TRY(wr(SPIC_CS, 1));
   TRY(wr(SPIC_RXCNT, 1));
   TRY(wr(SPIC_CTRL, 0));
-  TRY(wr_byte(0x06));
+  TRY(wr_byte(nor::kWriteEnable));
   TRY(run());
-  if (kind == SPIF_ERASE_CHIP) TRY(wr_byte(0xC7));
-  else TRY(wr(SPIC_DATA, spi_flash_addr_word(kind == SPIF_ERASE_SECTOR ? 0x20 : 0xD8, addr)));
+  if (kind == SPIF_ERASE_CHIP) TRY(wr_byte(nor::kChipErase));
+  else TRY(wr(SPIC_DATA, spi_flash_addr_word(kind == SPIF_ERASE_SECTOR ? nor::kSectorErase : nor::kBlockErase, addr)));
   TRY(run());
   if (!cfg.skipWip) TRY(spi_flash_wait_wip());
   return 0;
@@ -477,9 +478,9 @@ int32_t spi_flash_controller_init(void) {
     if (rd(SPIC_DIV, &div) == 0) cfg.divisor = div;
     cfg.channel = 1;
     cfg.quadFlag1 = cfg.quadFlag2 = 1;
-    cfg.pgOpcode = 0x02;
+    cfg.pgOpcode = nor::kPageProgram;
     cfg.dummyByte = 0xFF;
-    cfg.rdOpcode = cfg.clock > 25 ? 0x0B : 0x03;
+    cfg.rdOpcode = cfg.clock > 25 ? nor::kFastRead : nor::kRead;
     cfg.dummyCycles = cfg.clock > 25 ? 8 : 0;
   }
   return spi_flash_page(PAGE_SWCORE);
@@ -512,22 +513,22 @@ int32_t spi_flash_apply_settings(void) {
   const bool fast = cfg.clock > 25;
   switch (cfg.reqChannel) {
     case 1:
-      cfg.pgOpcode = 0x02;
-      cfg.rdOpcode = fast ? 0x0B : 0x03;
+      cfg.pgOpcode = nor::kPageProgram;
+      cfg.rdOpcode = fast ? nor::kFastRead : nor::kRead;
       cfg.dummyCycles = fast ? 8 : 0;
       cfg.quadFlag1 = cfg.quadFlag2 = 1;
       break;
     case 2:
-      cfg.pgOpcode = 0x02;
-      cfg.rdOpcode = 0x3B;
+      cfg.pgOpcode = nor::kPageProgram;
+      cfg.rdOpcode = nor::kDualRead;
       cfg.dummyCycles = 8;
       cfg.quadFlag1 = cfg.quadFlag2 = 1;
       break;
     case 4:
-      cfg.pgOpcode = manufacturer == 0xC2 ? 0x38 : 0x32;
-      cfg.rdOpcode = 0x6B;
+      cfg.pgOpcode = manufacturer == nor::kMfrMacronix ? nor::kQuadPageProgramMx : nor::kQuadPageProgram;
+      cfg.rdOpcode = nor::kQuadRead;
       cfg.dummyCycles = 8;
-      cfg.quadFlag1 = manufacturer == 0xC2 ? 0 : 1;
+      cfg.quadFlag1 = manufacturer == nor::kMfrMacronix ? 0 : 1;
       cfg.quadFlag2 = 1;
       break;
     default:
@@ -535,8 +536,8 @@ int32_t spi_flash_apply_settings(void) {
   }
   cfg.dummyByte = 0xFF;
   cfg.channel = cfg.reqChannel;
-  cfg.rdcrOpcode = manufacturer == 0xC2 ? 0x15 : 0x35;
-  cfg.furtherMode = (manufacturer == 0xC2 || manufacturer == 0x9D) ? 0 : 1;
+  cfg.rdcrOpcode = manufacturer == nor::kMfrMacronix ? nor::kReadConfigMx : nor::kReadConfig;
+  cfg.furtherMode = (manufacturer == nor::kMfrMacronix || manufacturer == nor::kMfrIssi) ? 0 : 1;
   return 0;
 }
 

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "internal/common/spi_nor.h"
+
 // ---- registers -----------------------------------------------------------------------
 #define SPIC_BASE 0x51000000u
 #define SPIC_CTRL (SPIC_BASE + 0x00u)     // control: receive phase, data lines
@@ -27,7 +29,7 @@
 #define SPIF_CPU_SAMPLE 0x42100030u
 #define SPIF_CFG_WINDOW 0x4A1C0000u      // 1: flash addresses land in the configuration area
 
-#define SPIF_PROTECT_MASK 0xBCu          // status bits 2-5 and 7
+#define SPIF_PROTECT_MASK nor::kStatusProtect   // status bits 2-5 and 7
 #define SPIF_CAL_ADDR 0x40010u           // where the calibration pattern lives
 
 // Flash kinds for spi_flash_erase.
