@@ -16,129 +16,16 @@ constexpr kiv_cmdFunc NS = hx5200_cmd_notSupported;
 
 // ---- usage grammars ------------------------------------------------------------------
 
-constexpr const char *kUsageReg =
-    "{  set'Set content of register' { %d'Reg Address'%d'Data' }  |  get'Get content of register' { "
-    "%d'Address' }  |  setbit'Set bit value of register' { %d'Reg Address'%d'Bit Address' %d'Bit "
-    "Data' }  |  getbit'Get bit value of register' { %d'Reg address'%d'Bit address' }  |  "
-    "setbits'Set bits value of register' { %d'Reg address'%d'Start bit number'%d'End bit "
-    "number'%d'Filed value' }  |  getbits'Get bits value of register' { %d'Reg address'%d'Start bit "
-    "number'%d'End bit number' }  |  getburst'Get content of register' { %d'Address' %d 'get "
-    "numbers back'}  | chgpage'Change page' { axi'AXI' | cpu'CPU domain' | swcore'Switch core' | "
-    "spic'SPI Control' | current'Current page' | %d'page number' }  |  indirset'Set content of "
-    "register' { %d'Reg Address'%d'Data' }  |  indirget'Get content of register' { %d'Address' }  }";
 
-constexpr const char *kUsageMib =
-    "{ enable'enable mib counter'  |  read'read mib counter'  {  %d'port number'  }  |  sys'read "
-    "system mib counter'  |  lag'read lag mib counter'  {  %d'lag number'  }  |  route'read routing "
-    "mib counter'  {  %d'routing port number'  }  |  sread'monitor link state and CRC' { "
-    "%d'port'%d'test mode 0=none 1=CRC 2=linkState 3=CRC and linkState' }  |  dread'monitor link "
-    "state and CRC' { %d'port'%d'test mode 0=none 1=CRC 2=linkState 3=CRC and linkState'%d'dump "
-    "register type 0=SWR 1 =OCP'%d'dump register address' }  |  dumpreg'dump register to file' { "
-    "%d'register type 0=SWR 1=OCP'%d'register address' }  |  rwaketest'remote wake test for DPI and "
-    "Transient'  {  %d'port number'  }  |  clear'clear the mib counter'  {  %d'port number'  }  |  "
-    "clearall'clear the mib counter on all ports' }";
 
-constexpr const char *kUsageSpi =
-    "{ read'read flash'  {  %d'Start address' %d'length (should be less then 2K Byte)'  }  | "
-    "write'write a byte to flash'  {  %d'Address' %d'data' %d'length 1~4byte'  }  | erase 'erase spi "
-    "flash'  {  all'erase the whole flash'  |  sector'erase sectors (unit:4KB)' { %d'Start sector "
-    "number'%d'End sector number' }  |  block'erase blocks (unit:64KB)' { %d'Start block "
-    "number'%d'End block number' }  }  | update'update the irom image' %s'file name'  | "
-    "updatecfg'update the configuration bin file' %s'file name'  | cal 'calibrate SPIC'  | auto 'set "
-    "SPIC auto mode'  | setsysdly 'sets SPIC sysdelay' %d  | getsysdly 'gets SPIC sysdelay'  | setspd "
-    "'sets SPIC clock' %d'100, 75, 50, 33, 12'  | getspd 'gets SPIC clock'  | setch 'sets SPIC "
-    "channel: 1, 2, 4' %d'1, 2, 4'  | getch 'gets SPIC channel'  | rdsr'read the status register of "
-    "spi flash'  | rdcr'read the status and control register of spi flash'  | rdid'read the chip ID "
-    "of spi flash'  | wrsr'write the status or configuration of spi flash'  {  1'1: set status "
-    "(1byte) only' %d'status data'  |  2'2: set status (1byte) and config-1 (1byte)' %d'status data' "
-    "%d'config-1 data'  }  | wren'write enable'  | wrdi'wrdi write disable'  | dumptobin'flash dump to "
-    "a bin file' %d'start address' %d'length'  | clearprotect'clear the block protect'  | "
-    "pgwithbase'update the irom image' %s'file name ' %d 'the start address of the file' %d 'the "
-    "start address of the flash' %d 'length'  | pg0861flash'update the irom image' %s'file name ' %d "
-    "'flash fw # ' %d 'using key of fw '  | pg0861flash2'update the irom image' %s 'file 1 name ' %s "
-    "'file 2 name ' %d 'using key of fw '  | verifywithbase'verify the image' %s'file name ' %d 'the "
-    "start address of the file' %d 'the start address of the flash' %d 'length'  | verify'verify the "
-    "image' %s'file name' }";
 
-constexpr const char *kUsageSet =
-    "{ regif'register interface' %s'name'  | mibfmt'MIB counter hex/decimal' %s'name'  | "
-    "mdxid'MDCMDIO interface ID' %d'name'  | i2cid'I2C interface ID' %d'name'  | autocal'enable auto "
-    "Calibration '%d'portMsk'  | chipver'HX5200 version number' %s'version'  | rwake'HX5200 remote "
-    "wake test' %d'port'  | reset'HX5200 remote wake test' %d'port'  | portmode'HX5200 port mode "
-    "setting' %d'port' %d'mode'  | portmodeinternal'HX5200 port mode setting' %d'port mask' %d'port "
-    "mode LSB byte1' %d'port mode LSB byte2' %d'port mode MSB byte1' %d'port mode MSB byte2' | "
-    "savecontest'SDK save config test'  | wrimage'write image directly ' %s 'filename'  | "
-    "wrrotcfg'write routing configuration directly ' %s 'filename'  | wrpatch'write patch code "
-    "directly with patch code only' %s 'filename'  | wrptpconfig'write ptp config directly with ptp "
-    "config only' %s 'filename' | wrfwconfig'write firmware configuration directly with firmware "
-    "config only' %s 'filename'  | wrrotconfig'write external routing configuration directly ' %s "
-    "'filename'  | getcontest'SDK get currnet disablePort and PortRole test'  | setest'SPI sector "
-    "erase test'  | read36ktest'read back 36k config bin test'  | read04ktest'read back 04k config "
-    "bin test'  | write04ktest'program back 04k config bin test'  | e0tdly'E0 port TX delay' "
-    "%d'delay'  | e0rdly'E0 port RX delay' %d'delay'  | spich 'Sets number of SPIC channel (OTP "
-    "config.)' %d 'channel number'  | spispd'Sets speed of SPIC' %s 'high or low'  | spils' Sets low "
-    "speed of SPIC (OTP config.)' %s '33MHz or 50MHz' }";
 
-constexpr const char *kUsageGet = "{ fwver'get firmware version'  | chipver'get chip version' }";
 
-constexpr const char *kUsageVlan =
-    "{  set'set vlan entry' { %d'vlan id' %d'member port mask' %d'untag port mask' %d'fid' "
-    "%d'ulfid, 0-1' %d'vbfwd, 0-1'}  |  get'get vlan entry' %d'vlan id'  |  dump'dump vlan'  |  "
-    "init'init vlan'  |  mode'Set/Get multicast settings' { multicast'Multicast settings' { get'Get "
-    "multicast settings'  | set'Set According to FID from table or not. Fix Multicast FID or not. "
-    "Fix Multicast FID' { %d'Using FID L2 table or not' %d'Using Fix Multicast FID' %d'Multicast "
-    "FID' } } }  | pvid'Port pvid' %d'Port id'  { inner'Inner tag Default PVID'  { get'Get PVID'  | "
-    "set'Set PVID' %d'PVID'  }  | outer'Outer tag PVID'  { get'Get PVID'  | set'Set PVID' %d'PVID'  "
-    "}  }  | igfilter'Ingress filter'  { set'Set'  { %d'Port id'  { enable'Enable'  | "
-    "disable'Disable'  } | all'All port'  { enable'Enable'  | disable'Disable'  }  }  | get'Get'  { "
-    "%d'Port id'  | all'All port'  }  }  | egfilter'Egress filter'  { set'Set'  { %d'Port id'  { "
-    "enable'Enable'  | disable'Disable'  } | all'All port'  { enable'Enable'  | disable'Disable'  }  "
-    "}  | get'Get'  { %d'Port id'  | all'All port'  }  }  | igretag 'Ingress VLAN Retagging'  { "
-    "init'Initialize'  | set'Set'  { status'Set status' { { %d'Port id' | all } { enable | disable } "
-    "}  | entry'Set an entry' { %d'Index, 0-31' %d'Original VLAN ID to be replaced' %d'New VLAN ID' "
-    "%d'Affected ingress port mask' %d'Valid bit' }  }  | get'Get'  { status'Get status' { %d'Port "
-    "id' | all }  | entry'Get an entry' { %d'Index, 0-31' | all }  }  }  | egretag 'Egress VLAN "
-    "Retagging'  { init'Initialize'  | set'Set'  { status'Set status' { { %d'Port id' | all } { "
-    "enable | disable } }  | entry'Set an entry' { %d'Index, 0-31' %d'Original VLAN ID to be "
-    "replaced' %d'New VLAN ID' %d'Affected egress port mask' %d'Valid bit' }  }  | get'Get'  { "
-    "status'Get status' { %d'Port id' | all }  | entry'Get an entry' { %d'Index, 0-31' | all }  }  } "
-    "}";
 
-constexpr const char *kUsageSmi =
-    "{  set'Set content of register' { %d'phyID' %d'Register Address'%d'Data' }  |  get'Get content "
-    "of register' { %d'phyID' %d'Register Address' }  |  brdset'Broadcast to PHY port' { %d'Port "
-    "mask' %d'Page' %d'offset' %d'value' }  |  extaccess' Select MDC/MDIO interface to GPIO pin'  { "
-    "get'Get current settings'  | set'Set' %d'0:MAC 1: PHY'  }  | channel'MDC/MDIO Channel access'  "
-    "{ get'Get' { %d'phyID. 0xB for T18' %d'Page' %d'Reg' } | set'Set' { %d'phyID. 0xB for T18' "
-    "%d'Page' %d'Reg' %d'Value' } } }";
 
-constexpr const char *kUsageMmd =
-    "{ read'read mmd register' { %d'phy number' %d'device id' %d'reg address'}  | write'write mmd "
-    "register' { %d'phy number' %d'device id' %d'reg address' %d'reg vale' } }";
 
-constexpr const char *kUsageMdx =
-    "{  init 'Init MDX controller '  { %d 'baud rate. The mdx clock = 12.5MHz / baudrate'  { %d "
-    "'preamble: 0, 8, 16, 32'  }  }  |  set'Set content of register' { %d'PHY ID: 0~31'%d'Reg "
-    "Address'%d'Data' }  |  get'Get content of register' { %d'PHY ID: 0~31'%d'Address' } }";
 
-constexpr const char *kUsageGphy =
-    "{ readext'read register of extension page of giga phy' { %d'page' %d'reg address'}  | "
-    "writeext'write value into register of extension page of giga phy' { %d'page' %d'reg address' "
-    "%d'reg vale' } }";
 
-constexpr const char *kUsagePhy =
-    "{ r'R calibration of a phy' { %d'phy number' }  | rc'RC calibration of a phy' { %d'phy number' "
-    "}  | read'read phy register' { %d'phy number' %d'page' %d'reg address' }  | write'write phy "
-    "register' { %d'phy number' %d'page' %d'reg address' %d'reg value' }  | testmode'set phy test "
-    "mode' { %d'phy number' %d'test mode' }  | rtpgetm'get phy RTP measurement' { %d'phy number' }  "
-    "| phyreset'reset a phy' { %d'phy number' }  | reset'reset all phys'  | enable'enable or disable "
-    "a phy' { %d'phy number' %d'0:disable 1:enable' }  | role'set phy master/slave role' { %d'phy "
-    "number' %d'0:slave 1:master' }  | autopolarity'set phy auto polarity' { %d'phy number' "
-    "%d'0:off 1:on' }  | linkst'get phy link status' { %d'phy number' }  | outputlinkst'output link "
-    "status on GPIOC0' { %d'phy number' }  | pktgen'phy packet generator' { %d'phy number' "
-    "%d'packet count' }  | channel'phy MDC/MDIO channel access' { %d'phy number' }  | ocp2reg'read "
-    "phy register by OCP address' { %d'OCP address' }  | mdc2reg'read phy register by MDIO address' "
-    "{ %d'phy number' %d'reg address' } }";
 
 // Rows without described behaviour: their listed first words only.
 constexpr const char *kUsageQos =
@@ -279,7 +166,7 @@ kiv_int32 hx3100_cmd_pci(kiv_uint32, kiv_int32, void **argv) {
   const char *op = cmd_nextStr(argv);
   kiv_uint32 addr = 0, width = 0, value = 0;
   cmd_nextU32(argv, &addr);
-  if (op && std::strcmp(op, "write") == 0) cmd_nextU32(argv, &value);
+  if (cmd_wordIs(op, "write")) cmd_nextU32(argv, &value);
   cmd_nextU32(argv, &width);
   // No PCI bus behind this tool: every access shows the value 0.
   switch (width) {
@@ -305,15 +192,15 @@ constexpr kiv_cmd_t kHx3100Cmds[] = {
 }  // namespace
 
 const kiv_cmd_t hx5200_cmdTable[52] = {
-    row("reg", "Register read/write access", kUsageReg, hx5200_cmd_reg),
-    row("mib", "mib counter", kUsageMib, hx5200_cmd_mib),
+    row("reg", "Register read/write access", hx5200_usageReg, hx5200_cmd_reg),
+    row("mib", "mib counter", hx5200_usageMib, hx5200_cmd_mib),
     row("spi",
         "SPI Flash read/write and image update, default is 16bit flash. These command need stop "
         "and reset CPU.",
-        kUsageSpi, hx5200_cmd_spi),
-    row("set", "set kiv configuration", kUsageSet, hx5200_cmd_set),
-    row("get", "get switch status", kUsageGet, hx5200_cmd_get),
-    row("vlan", "access vlan table", kUsageVlan, hx5200_cmd_vlan),
+        hx5200_usageSpi, hx5200_cmd_spi),
+    row("set", "set kiv configuration", hx5200_usageSet, hx5200_cmd_set),
+    row("get", "get switch status", hx5200_usageGet, hx5200_cmd_get),
+    row("vlan", "access vlan table", hx5200_usageVlan, hx5200_cmd_vlan),
     row("qos", "qos test", kUsageQos, NS),
     row("igrate", "Ingress rate control.", kUsageIgrate, NS),
     row("egrate", "Egress rate control.", kUsageEgrate, NS),
@@ -329,10 +216,10 @@ const kiv_cmd_t hx5200_cmdTable[52] = {
     row("sram", "sram read/write", kUsageSram, NS),
     row("aclset", "allow sa pass from port#", kUsageAclset, NS),
     row("reset", "reset", kUsageReset, NS),
-    row("phy", "phy read/write access", kUsagePhy, hx5200_cmd_phy),
+    row("phy", "phy read/write access", hx5200_usagePhy, hx5200_cmd_phy),
     row("init", "initialize the switch", kUsageInit, hx5200_cmd_init),
-    row("smi", "SMI interface Register read/write access", kUsageSmi, hx5200_cmd_smi),
-    row("gphy", "read giga phy extension register", kUsageGphy, hx5200_cmd_phy),
+    row("smi", "SMI interface Register read/write access", hx5200_usageSmi, hx5200_cmd_smi),
+    row("gphy", "read giga phy extension register", hx5200_usageGphy, hx5200_cmd_phy),
     row("t18", "T18 command", kUsageT18, NS),
     row("stp", "stp test", kUsageStp, NS),
     row("asictest", "ASIC/FPGA testing cases", kUsageAsictest, NS),
@@ -348,7 +235,7 @@ const kiv_cmd_t hx5200_cmdTable[52] = {
     row("nic", "Run testcases according to your select. ", kUsageNic, NS),
     row("ckdigrtt", "CKDIG_RTT command", kUsageCkdigrtt, NS),
     row("acl", "Access Command line", kUsageAcl, NS),
-    row("mmd", "mmd register read/write access", kUsageMmd, hx5200_cmd_mmd),
+    row("mmd", "mmd register read/write access", hx5200_usageMmd, hx5200_cmd_mmd),
     row("macif", "mac interface for Port 4, 5, 6, 7, 8, 9, 10 and 11", kUsageMacif, NS),
     row("srp", "Stream reservation administration control", kUsageSrp, NS),
     row("serdes", "Serdes read/write access", kUsageSerdes, NS),
@@ -362,7 +249,7 @@ const kiv_cmd_t hx5200_cmdTable[52] = {
     row("psfp", "IEEE 802.1Qci Per Stream Filtering and Policying", kUsagePsfp, NS),
     row("stk", "Stacking Function", kUsageStk, NS),
     row("testio", "testio mode MDC/MDIO access", kUsageTestio, NS),
-    row("mdx", "External PHY register read/write access", kUsageMdx, hx5200_cmd_mdx),
+    row("mdx", "External PHY register read/write access", hx5200_usageMdx, hx5200_cmd_mdx),
 };
 
 const kiv_group_t hx5200_rootGroup = {

@@ -19,8 +19,6 @@ namespace {
 constexpr uint32_t kFwVersionReg = 0x4A1F0100u;
 constexpr uint32_t kChipVersionReg = 0x4A1F0104u;
 
-using SetFn = kiv_int32 (*)(void **argv);
-
 kiv_int32 setRegif(void **argv) {
   const char *name = cmd_nextStr(argv);
   if (name == nullptr) return 0;
@@ -82,13 +80,55 @@ kiv_int32 setChipver(void **argv) {
 
 kiv_int32 acceptOnly(void **) { return 0; }
 
+constexpr std::array<const char *, 5> kChipVersionText{{
+    nullptr,
+    "\nSwitch Chip Version: ES1",
+    "\nSwitch Chip Version: ES2",
+    "\nSwitch Chip Version: ES3",
+    "\nSwitch Chip Version: Formal Chip",
+}};
+
+kiv_int32 getFwver(void **) {
+  uint32_t value = 0;
+  if (reg_read(1, kFwVersionReg, &value) == 0) printf("\nFirmware Version 0x%x\n", value);
+  return 0;
+}
+
+kiv_int32 getChipver(void **) {
+  uint32_t value = 0;
+  if (reg_read(1, kChipVersionReg, &value) == 0 && value < kChipVersionText.size() &&
+      kChipVersionText[value] != nullptr)
+    puts(kChipVersionText[value]);
+  return 0;
+}
+
+}  // namespace
+
+// ---- set ----------------------------------------------------------------------------------
+
+const char hx5200_usageSet[] =
+    "{ regif'register interface' %s'name'  | mibfmt'MIB counter hex/decimal' %s'name'  | "
+    "mdxid'MDCMDIO interface ID' %d'name'  | i2cid'I2C interface ID' %d'name'  | autocal'enable auto "
+    "Calibration '%d'portMsk'  | chipver'HX5200 version number' %s'version'  | rwake'HX5200 remote "
+    "wake test' %d'port'  | reset'HX5200 remote wake test' %d'port'  | portmode'HX5200 port mode "
+    "setting' %d'port' %d'mode'  | portmodeinternal'HX5200 port mode setting' %d'port mask' %d'port "
+    "mode LSB byte1' %d'port mode LSB byte2' %d'port mode MSB byte1' %d'port mode MSB byte2' | "
+    "savecontest'SDK save config test'  | wrimage'write image directly ' %s 'filename'  | "
+    "wrrotcfg'write routing configuration directly ' %s 'filename'  | wrpatch'write patch code "
+    "directly with patch code only' %s 'filename'  | wrptpconfig'write ptp config directly with ptp "
+    "config only' %s 'filename' | wrfwconfig'write firmware configuration directly with firmware "
+    "config only' %s 'filename'  | wrrotconfig'write external routing configuration directly ' %s "
+    "'filename'  | getcontest'SDK get currnet disablePort and PortRole test'  | setest'SPI sector "
+    "erase test'  | read36ktest'read back 36k config bin test'  | read04ktest'read back 04k config "
+    "bin test'  | write04ktest'program back 04k config bin test'  | e0tdly'E0 port TX delay' "
+    "%d'delay'  | e0rdly'E0 port RX delay' %d'delay'  | spich 'Sets number of SPIC channel (OTP "
+    "config.)' %d 'channel number'  | spispd'Sets speed of SPIC' %s 'high or low'  | spils' Sets low "
+    "speed of SPIC (OTP config.)' %s '33MHz or 50MHz' }";
+
+namespace {
 // Words of `set` in the order they are compared. A null function marks a word whose
 // driver action this tool does not have.
-struct SetWord {
-  std::string_view word;
-  SetFn fn;
-};
-constexpr std::array<SetWord, 27> kSetWords{{
+constexpr std::array<cmd_sub_t<>, 27> kSetWords{{
     {"regif", setRegif},
     {"mibfmt", setMibfmt},
     {"mdxid", setMdxid},
@@ -118,46 +158,36 @@ constexpr std::array<SetWord, 27> kSetWords{{
     {"spils", acceptOnly},
 }};
 
-constexpr std::array<const char *, 5> kChipVersionText{{
-    nullptr,
-    "\nSwitch Chip Version: ES1",
-    "\nSwitch Chip Version: ES2",
-    "\nSwitch Chip Version: ES3",
-    "\nSwitch Chip Version: Formal Chip",
-}};
-
 }  // namespace
 
 kiv_int32 hx5200_cmd_set(kiv_uint32, kiv_int32, void **argv) {
   const char *word = cmd_nextStr(argv);
   kiv_int32 rc = 0;
-  if (word != nullptr) {
-    for (const SetWord &row : kSetWords) {
-      if (row.word != word) continue;
-      if (row.fn != nullptr) {
-        rc = row.fn(argv);
-      } else {
-        printf("set %s: not supported\n", word);
-        rc = -1;
-      }
-      break;
+  if (const cmd_sub_t<> *row = cmd_findSub(kSetWords, word)) {
+    if (row->fn != nullptr) {
+      rc = row->fn(argv);
+    } else {
+      printf("set %s: not supported\n", word);
+      rc = -1;
     }
   }
   puts("SET CMD Over");
   return rc;
 }
 
+// ---- get ----------------------------------------------------------------------------------
+
+const char hx5200_usageGet[] = "{ fwver'get firmware version'  | chipver'get chip version' }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 2> kGetWords{{
+    {"fwver", getFwver},
+    {"chipver", getChipver},
+}};
+}  // namespace
+
 kiv_int32 hx5200_cmd_get(kiv_uint32, kiv_int32, void **argv) {
-  const char *word = cmd_nextStr(argv);
-  const std::string_view w = word != nullptr ? std::string_view(word) : std::string_view();
-  uint32_t value = 0;
-  if (w == "fwver") {
-    if (reg_read(1, kFwVersionReg, &value) == 0) printf("\nFirmware Version 0x%x\n", value);
-  } else if (w == "chipver") {
-    if (reg_read(1, kChipVersionReg, &value) == 0 && value < kChipVersionText.size() &&
-        kChipVersionText[value] != nullptr)
-      puts(kChipVersionText[value]);
-  }
+  (void)cmd_runSub(kGetWords, cmd_nextStr(argv), argv, 0);
   puts("GET CMD Over");
   return 0;
 }

@@ -37,12 +37,6 @@ constexpr uint32_t kDumpMax = 0x100000;
 constexpr uint32_t kCfgOffset = 0x6000;
 constexpr uint32_t kCfgMax = 0x2000;
 
-uint32_t next_u32(void **argv) {
-  kiv_uint32 v = 0;
-  cmd_nextU32(argv, &v);
-  return v;
-}
-
 bool channel_ok(uint32_t ch) { return ch == 1 || ch == 2 || ch == 4; }
 
 // Progress of long work on stderr, only for a person watching a terminal.
@@ -273,7 +267,7 @@ bool read_image(const char *file, uint64_t offset, uint64_t len, uint32_t base, 
 // ---- subcommands ---------------------------------------------------------------------
 
 Outcome sub_read(void **argv) {
-  uint32_t addr = next_u32(argv), len = next_u32(argv);
+  uint32_t addr = cmd_nextNum(argv), len = cmd_nextNum(argv);
   if (!channel_ok(cfg.channel)) {
     puts("Channel must be set 1, 2 or 4!");
     return {-1};
@@ -296,7 +290,7 @@ Outcome sub_read(void **argv) {
 }
 
 Outcome sub_write(void **argv) {
-  uint32_t addr = next_u32(argv), data = next_u32(argv), len = next_u32(argv);
+  uint32_t addr = cmd_nextNum(argv), data = cmd_nextNum(argv), len = cmd_nextNum(argv);
   spi_flash_clear_protect();
   if (len > 4) {
     puts("length should not be more than 4 bytes!");
@@ -322,7 +316,7 @@ Outcome sub_erase(void **argv) {
   }
   const bool sector = k == "sector";
   if (!sector && k != "block") return {-2};
-  const uint32_t first = next_u32(argv), last = next_u32(argv);
+  const uint32_t first = cmd_nextNum(argv), last = cmd_nextNum(argv);
   const uint32_t shift = sector ? 12 : 16;
   // The flash sees 24 address bits: one pass over them erases everything a longer range
   // would, so the count is bounded there (a range up to 0xFFFFFFFF must still end).
@@ -353,9 +347,9 @@ Outcome sub_rdid(void **) {
 Outcome sub_wrsr(void **argv) {
   const char *which = cmd_nextStr(argv);
   std::string_view w = which ? which : "";
-  uint32_t status = next_u32(argv);
+  uint32_t status = cmd_nextNum(argv);
   if (w == "1") return {spi_flash_write_status((uint8_t)status, 0, false)};
-  if (w == "2") return {spi_flash_write_status((uint8_t)status, (uint8_t)next_u32(argv), true)};
+  if (w == "2") return {spi_flash_write_status((uint8_t)status, (uint8_t)cmd_nextNum(argv), true)};
   return {-2};
 }
 
@@ -364,7 +358,7 @@ Outcome sub_wrdi(void **) { return {spi_flash_write_disable()}; }
 Outcome sub_clearprotect(void **) { return {spi_flash_clear_protect()}; }
 
 Outcome sub_setch(void **argv) {
-  uint32_t n = next_u32(argv);
+  uint32_t n = cmd_nextNum(argv);
   if (!channel_ok(n)) {
     puts("please set 1, 2, 4");
     return {-2};
@@ -379,7 +373,7 @@ Outcome sub_getch(void **) {
 }
 
 Outcome sub_setspd(void **argv) {
-  uint32_t n = next_u32(argv), source = 0, divisor = 0;
+  uint32_t n = cmd_nextNum(argv), source = 0, divisor = 0;
   if (!spi_flash_clock_pair(n, &source, &divisor)) {
     puts("please set 12, 33, 50, 75, 100");
     return {-2};
@@ -399,7 +393,7 @@ Outcome sub_getspd(void **) {
 }
 
 Outcome sub_setsysdly(void **argv) {
-  cfg.sysDelay = next_u32(argv) & 0xFF;
+  cfg.sysDelay = cmd_nextNum(argv) & 0xFF;
   return {0};
 }
 
@@ -409,7 +403,7 @@ Outcome sub_getsysdly(void **) {
 }
 
 Outcome sub_dumptobin(void **argv) {
-  uint32_t start = next_u32(argv), len = next_u32(argv);
+  uint32_t start = cmd_nextNum(argv), len = cmd_nextNum(argv);
   FILE *f = std::fopen(kDumpFile, "wb");
   if (!f) {
     printf("FILE %s open fail!\n", kDumpFile);
@@ -448,7 +442,7 @@ Outcome sub_verify(void **argv) {
 
 Outcome sub_verifywithbase(void **argv) {
   const char *file = cmd_nextStr(argv);
-  uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
+  uint32_t fileStart = cmd_nextNum(argv), flashStart = cmd_nextNum(argv), len = cmd_nextNum(argv);
   FILE *f = open_image(file);
   if (!f) return {-1};
   FileCloser closer{f};
@@ -565,7 +559,7 @@ Outcome sub_update(void **argv) {
 
 Outcome sub_pgwithbase(void **argv) {
   const char *file = cmd_nextStr(argv);
-  uint32_t fileStart = next_u32(argv), flashStart = next_u32(argv), len = next_u32(argv);
+  uint32_t fileStart = cmd_nextNum(argv), flashStart = cmd_nextNum(argv), len = cmd_nextNum(argv);
   if (!file_accessible(file)) return {-1};
   print_file_info(file);
   std::vector<uint8_t> img;
@@ -598,12 +592,35 @@ Outcome sub_pg0861flash2(void **argv) {
   return not_supported("pg0861flash2");
 }
 
-struct SubCmd {
-  std::string_view name;
-  Outcome (*run)(void **argv);
-};
+using SubFn = Outcome (*)(void **argv);
 
-constexpr std::array<SubCmd, 26> kSubCmds = {{
+}  // namespace
+
+const char hx5200_usageSpi[] =
+    "{ read'read flash'  {  %d'Start address' %d'length (should be less then 2K Byte)'  }  | "
+    "write'write a byte to flash'  {  %d'Address' %d'data' %d'length 1~4byte'  }  | erase 'erase spi "
+    "flash'  {  all'erase the whole flash'  |  sector'erase sectors (unit:4KB)' { %d'Start sector "
+    "number'%d'End sector number' }  |  block'erase blocks (unit:64KB)' { %d'Start block "
+    "number'%d'End block number' }  }  | update'update the irom image' %s'file name'  | "
+    "updatecfg'update the configuration bin file' %s'file name'  | cal 'calibrate SPIC'  | auto 'set "
+    "SPIC auto mode'  | setsysdly 'sets SPIC sysdelay' %d  | getsysdly 'gets SPIC sysdelay'  | setspd "
+    "'sets SPIC clock' %d'100, 75, 50, 33, 12'  | getspd 'gets SPIC clock'  | setch 'sets SPIC "
+    "channel: 1, 2, 4' %d'1, 2, 4'  | getch 'gets SPIC channel'  | rdsr'read the status register of "
+    "spi flash'  | rdcr'read the status and control register of spi flash'  | rdid'read the chip ID "
+    "of spi flash'  | wrsr'write the status or configuration of spi flash'  {  1'1: set status "
+    "(1byte) only' %d'status data'  |  2'2: set status (1byte) and config-1 (1byte)' %d'status data' "
+    "%d'config-1 data'  }  | wren'write enable'  | wrdi'wrdi write disable'  | dumptobin'flash dump to "
+    "a bin file' %d'start address' %d'length'  | clearprotect'clear the block protect'  | "
+    "pgwithbase'update the irom image' %s'file name ' %d 'the start address of the file' %d 'the "
+    "start address of the flash' %d 'length'  | pg0861flash'update the irom image' %s'file name ' %d "
+    "'flash fw # ' %d 'using key of fw '  | pg0861flash2'update the irom image' %s 'file 1 name ' %s "
+    "'file 2 name ' %d 'using key of fw '  | verifywithbase'verify the image' %s'file name ' %d 'the "
+    "start address of the file' %d 'the start address of the flash' %d 'length'  | verify'verify the "
+    "image' %s'file name' }";
+
+namespace {
+
+constexpr std::array<cmd_sub_t<SubFn>, 26> kSubCmds = {{
     {"read", sub_read},
     {"write", sub_write},
     {"erase", sub_erase},
@@ -633,16 +650,12 @@ constexpr std::array<SubCmd, 26> kSubCmds = {{
 }};
 
 Outcome run_subcommand(const char *word, void **argv) {
-  std::string_view w = word ? word : "";
-  for (const SubCmd &s : kSubCmds) {
-    if (s.name == w) {
-      spi_flash_page(PAGE_SPIC);
-      Outcome o = s.run(argv);
-      if (!o.now) spi_flash_page(PAGE_SWCORE);
-      return o;
-    }
-  }
-  return {-2};
+  const cmd_sub_t<SubFn> *row = cmd_findSub(kSubCmds, word ? word : "");
+  if (row == nullptr) return {-2};
+  spi_flash_page(PAGE_SPIC);
+  Outcome o = row->fn(argv);
+  if (!o.now) spi_flash_page(PAGE_SWCORE);
+  return o;
 }
 
 }  // namespace

@@ -193,19 +193,6 @@ void mibDelay(uint32_t units) {
   }
 }
 
-const char *nextWord(void **argv) {
-  void *p = nullptr;
-  kiv_uint32 sz = 0;
-  if (!cmd_next(argv, &p, &sz) || p == nullptr || sz != 0) return "";
-  return static_cast<const char *>(p);
-}
-
-uint32_t nextNum(void **argv) {
-  uint32_t v = 0;
-  if (cmd_nextU32(argv, &v)) g_mibArg = v;
-  return g_mibArg;
-}
-
 int mibOver() {
   puts("MIB command Over");
   return 0;
@@ -447,41 +434,97 @@ int rwaketest(uint32_t port) {
   }
 }
 
+// ---- subcommands ------------------------------------------------------------------------
+// Those that return without their own result end with the closing line.
+
+int mibEnable(void **) {
+  hxk_mib_enable();
+  return mibOver();
+}
+
+int mibRead(void **argv) {
+  readPort(cmd_nextNumOrLast(argv, &g_mibArg));
+  return mibOver();
+}
+
+int mibSys(void **) {
+  readSys();
+  return mibOver();
+}
+
+int mibLag(void **argv) {
+  readLag(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu);
+  return mibOver();
+}
+
+int mibRoute(void **argv) {
+  readRoute(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu);
+  return mibOver();
+}
+
+int mibSread(void **argv) {
+  const uint32_t port = cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu;
+  const uint32_t mode = cmd_nextNumOrLast(argv, &g_mibArg);
+  return sread(port, mode);
+}
+
+int mibDread(void **argv) {
+  const uint32_t port = cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu;
+  const uint32_t mode = cmd_nextNumOrLast(argv, &g_mibArg);
+  const uint32_t type = cmd_nextNumOrLast(argv, &g_mibArg);
+  const uint32_t addr = cmd_nextNumOrLast(argv, &g_mibArg);
+  return dread(port, mode, type, addr);
+}
+
+int mibDumpreg(void **argv) {
+  const uint32_t type = cmd_nextNumOrLast(argv, &g_mibArg);
+  const uint32_t addr = cmd_nextNumOrLast(argv, &g_mibArg);
+  return dumpreg(type, addr);
+}
+
+int mibRwaketest(void **argv) { return rwaketest(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu); }
+
+int mibClear(void **argv) {
+  hxk_mib_portCounterReset(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu);   // a port above 15 is refused, ignored
+  return mibOver();
+}
+
+int mibClearall(void **) {
+  hxk_mib_counterReset((1u << MIB_PORTS) - 1, 1);
+  reg_field_write(1, MIB_GLOBAL_RESET, MIB_GLOBAL_RESET_DONE_LSP, MIB_GLOBAL_RESET_DONE_LEN, 3);
+  return mibOver();
+}
+
+}  // namespace
+
+const char hx5200_usageMib[] =
+    "{ enable'enable mib counter'  |  read'read mib counter'  {  %d'port number'  }  |  sys'read "
+    "system mib counter'  |  lag'read lag mib counter'  {  %d'lag number'  }  |  route'read routing "
+    "mib counter'  {  %d'routing port number'  }  |  sread'monitor link state and CRC' { "
+    "%d'port'%d'test mode 0=none 1=CRC 2=linkState 3=CRC and linkState' }  |  dread'monitor link "
+    "state and CRC' { %d'port'%d'test mode 0=none 1=CRC 2=linkState 3=CRC and linkState'%d'dump "
+    "register type 0=SWR 1 =OCP'%d'dump register address' }  |  dumpreg'dump register to file' { "
+    "%d'register type 0=SWR 1=OCP'%d'register address' }  |  rwaketest'remote wake test for DPI and "
+    "Transient'  {  %d'port number'  }  |  clear'clear the mib counter'  {  %d'port number'  }  |  "
+    "clearall'clear the mib counter on all ports' }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 11> kMibCmds{{
+    {"enable", mibEnable},
+    {"read", mibRead},
+    {"sys", mibSys},
+    {"lag", mibLag},
+    {"route", mibRoute},
+    {"sread", mibSread},
+    {"dread", mibDread},
+    {"dumpreg", mibDumpreg},
+    {"rwaketest", mibRwaketest},
+    {"clear", mibClear},
+    {"clearall", mibClearall},
+}};
 }  // namespace
 
 kiv_int32 hx5200_cmd_mib(kiv_uint32 /*uid*/, kiv_int32 /*argc*/, void **argv) {
-  const char *cmd = nextWord(argv);
-  if (strcmp(cmd, "enable") == 0) hxk_mib_enable();   // then ends like an unknown word
-
-  if (strcmp(cmd, "read") == 0) {
-    readPort(nextNum(argv));
-  } else if (strcmp(cmd, "sys") == 0) {
-    readSys();
-  } else if (strcmp(cmd, "lag") == 0) {
-    readLag(nextNum(argv) & 0xFFu);
-  } else if (strcmp(cmd, "route") == 0) {
-    readRoute(nextNum(argv) & 0xFFu);
-  } else if (strcmp(cmd, "sread") == 0) {
-    const uint32_t port = nextNum(argv) & 0xFFu;
-    const uint32_t mode = nextNum(argv);
-    return sread(port, mode);
-  } else if (strcmp(cmd, "dread") == 0) {
-    const uint32_t port = nextNum(argv) & 0xFFu;
-    const uint32_t mode = nextNum(argv);
-    const uint32_t type = nextNum(argv);
-    const uint32_t addr = nextNum(argv);
-    return dread(port, mode, type, addr);
-  } else if (strcmp(cmd, "dumpreg") == 0) {
-    const uint32_t type = nextNum(argv);
-    const uint32_t addr = nextNum(argv);
-    return dumpreg(type, addr);
-  } else if (strcmp(cmd, "rwaketest") == 0) {
-    return rwaketest(nextNum(argv) & 0xFFu);
-  } else if (strcmp(cmd, "clear") == 0) {
-    hxk_mib_portCounterReset(nextNum(argv) & 0xFFu);   // a port above 15 is refused, ignored
-  } else if (strcmp(cmd, "clearall") == 0) {
-    hxk_mib_counterReset((1u << MIB_PORTS) - 1, 1);
-    reg_field_write(1, MIB_GLOBAL_RESET, MIB_GLOBAL_RESET_DONE_LSP, MIB_GLOBAL_RESET_DONE_LEN, 3);
-  }
-  return mibOver();
+  if (const cmd_sub_t<> *row = cmd_findSub(kMibCmds, cmd_nextWord(argv))) return row->fn(argv);
+  return mibOver();   // an unknown word ends like the counters' commands
 }

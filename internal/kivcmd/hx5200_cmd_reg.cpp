@@ -49,32 +49,6 @@ std::array<uint32_t, kBurstMax> burstBuf{};
 // High address byte used by the indirect operations on the reserved interface.
 uint32_t indirHighByte = 0;
 
-// ---- argument helpers -------------------------------------------------------------------
-// Takes the next numbers in order; false when one is missing.
-template <typename... Rest>
-bool takeU32(void **argv, uint32_t &first, Rest &...rest) {
-  if (!cmd_nextU32(argv, &first)) return false;
-  if constexpr (sizeof...(rest) > 0) return takeU32(argv, rest...);
-  return true;
-}
-
-bool wordIs(const char *word, std::string_view name) { return word != nullptr && name == word; }
-
-using SubFn = kiv_int32 (*)(void **argv);
-struct SubCmd {
-  std::string_view word;
-  SubFn fn;
-};
-
-// Runs the row whose word matches, or returns `otherwise`.
-template <size_t N>
-kiv_int32 runSub(const std::array<SubCmd, N> &table, const char *word, void **argv, kiv_int32 otherwise) {
-  if (word == nullptr) return otherwise;
-  for (const SubCmd &row : table)
-    if (row.word == word) return row.fn(argv);
-  return otherwise;
-}
-
 // Mask of a field from start to end bit; the shift count is taken modulo 32, so the
 // whole word 0..31 gives the mask 0 (as the tool has always behaved).
 constexpr uint32_t fieldMask(uint32_t start, uint32_t end) { return (1u << ((end - start + 1u) & 31u)) - 1u; }
@@ -86,7 +60,7 @@ using ReadFn = int32_t (*)(uint32_t addr, uint32_t *value);
 // `set` and `indirset`: a failed write is reported as -2.
 kiv_int32 writeAndShow(void **argv, WriteFn write) {
   uint32_t addr = 0, data = 0;
-  if (!takeU32(argv, addr, data)) return -1;
+  if (!cmd_takeNums(argv, addr, data)) return -1;
   if (write(addr, data) != 0) return -2;
   printf("[0x%4.4X]=0x%4.4X\n", addr, data);
   return 0;
@@ -95,7 +69,7 @@ kiv_int32 writeAndShow(void **argv, WriteFn write) {
 // `get` and `indirget`: a failed read returns its own code.
 kiv_int32 readAndShow(void **argv, ReadFn read) {
   uint32_t addr = 0, value = 0;
-  if (!takeU32(argv, addr)) return -1;
+  if (!cmd_takeNums(argv, addr)) return -1;
   const kiv_int32 rc = read(addr, &value);
   if (rc != 0) return rc;
   printf("[0x%4.4X]=0x%4.4X\n", addr, value);
@@ -107,8 +81,8 @@ kiv_int32 regGet(void **argv) { return readAndShow(argv, asic_reg_read); }
 
 kiv_int32 regSetBit(void **argv) {
   uint32_t addr = 0, bit = 0, on = 0;
-  if (!takeU32(argv, addr, bit, on)) return -1;
-  if (bit > 31) return -1;   // the bit operation refuses it (-1000); the command reports -1
+  if (!cmd_takeNums(argv, addr, bit, on)) return -1;
+  if (bit > 31) return -1;   // the bit operation refuses it (ACCESS_BAD_BITS); the command reports -1
   // Read, modify, write: the write is made even when the read failed.
   uint32_t value = 0;
   (void)asic_reg_read(addr, &value);
@@ -123,8 +97,8 @@ kiv_int32 regSetBit(void **argv) {
 
 kiv_int32 regGetBit(void **argv) {
   uint32_t addr = 0, bit = 0;
-  if (!takeU32(argv, addr, bit)) return -1;
-  if (bit > 31) return -1000;
+  if (!cmd_takeNums(argv, addr, bit)) return -1;
+  if (bit > 31) return ACCESS_BAD_BITS;
   uint32_t value = 0;
   (void)asic_reg_read(addr, &value);
   printf("reg [0x%X] bit [%d] = 0x%X\n", addr, static_cast<int>(bit), (value >> bit) & 1u);
@@ -133,10 +107,10 @@ kiv_int32 regGetBit(void **argv) {
 
 kiv_int32 regSetBits(void **argv) {
   uint32_t addr = 0, start = 0, end = 0, field = 0;
-  if (!takeU32(argv, addr, start, end, field)) return -1;
-  if (start > end || end > 31) return -1000;
+  if (!cmd_takeNums(argv, addr, start, end, field)) return -1;
+  if (start > end || end > 31) return ACCESS_BAD_BITS;
   const uint32_t mask = fieldMask(start, end);
-  if (field > mask) return -1000;
+  if (field > mask) return ACCESS_BAD_BITS;
   uint32_t value = 0;
   if (asic_reg_read(addr, &value) != 0) value = 0;
   value = (value & ~(mask << start)) | (field << start);
@@ -147,8 +121,8 @@ kiv_int32 regSetBits(void **argv) {
 
 kiv_int32 regGetBits(void **argv) {
   uint32_t addr = 0, start = 0, end = 0;
-  if (!takeU32(argv, addr, start, end)) return -1;
-  if (start > end || end > 31) return -1000;
+  if (!cmd_takeNums(argv, addr, start, end)) return -1;
+  if (start > end || end > 31) return ACCESS_BAD_BITS;
   const uint32_t mask = fieldMask(start, end);
   uint32_t value = 0;
   if (asic_reg_read(addr, &value) != 0) value = 0;
@@ -159,7 +133,7 @@ kiv_int32 regGetBits(void **argv) {
 
 kiv_int32 regGetBurst(void **argv) {
   uint32_t addr = 0, count = 0;
-  if (!takeU32(argv, addr, count)) return -1;
+  if (!cmd_takeNums(argv, addr, count)) return -1;
   if (count > kBurstMax) {
     printf("getburst: %u registers asked, at most %u can be read at once\n", count, kBurstMax);
     return -1;
@@ -187,20 +161,18 @@ constexpr std::array<PageWord, 4> kPageWords{{
 }};
 
 kiv_int32 regChgPage(void **argv) {
-  void *p = nullptr;
-  kiv_uint32 size = 0;
-  if (!cmd_next(argv, &p, &size) || p == nullptr) return -1;
-  if (size == 4) {   // a page number
-    uint32_t page = 0;
-    std::memcpy(&page, p, 4);
+  const cmd_arg_t arg = cmd_nextArg(argv);
+  if (!arg.present) return -1;
+  if (arg.word == nullptr) {   // a page number
+    const uint32_t page = arg.num;
     if (page > PAGE_SPIC) {
       printf("Unknow page number 0x%x\r\n", page);
       return 0;
     }
     return asic_reg_write(PAGE_REG_ADDR, page);
   }
-  const char *word = static_cast<const char *>(p);
-  if (wordIs(word, "current")) {
+  const char *word = arg.word;
+  if (cmd_wordIs(word, "current")) {
     uint32_t value = 0;
     const kiv_int32 rc = asic_reg_read(PAGE_REG_ADDR, &value);
     printf("Current Page: 0x%x\r\n", value);
@@ -268,23 +240,10 @@ int32_t indirRead(uint32_t addr, uint32_t *value) {
 kiv_int32 regIndirSet(void **argv) { return writeAndShow(argv, indirWrite); }
 kiv_int32 regIndirGet(void **argv) { return readAndShow(argv, indirRead); }
 
-constexpr std::array<SubCmd, 10> kRegCmds{{
-    {"set", regSet},
-    {"get", regGet},
-    {"setbit", regSetBit},
-    {"getbit", regGetBit},
-    {"setbits", regSetBits},
-    {"getbits", regGetBits},
-    {"getburst", regGetBurst},
-    {"chgpage", regChgPage},
-    {"indirset", regIndirSet},
-    {"indirget", regIndirGet},
-}};
-
 // ---- smi ------------------------------------------------------------------------------------
 kiv_int32 smiSet(void **argv) {
   uint32_t phy = 0, reg = 0, data = 0;
-  if (!takeU32(argv, phy, reg, data)) return -1;
+  if (!cmd_takeNums(argv, phy, reg, data)) return -1;
   // Only the low 16 bits reach the register; the line shows the value as typed.
   if (smi_write16(phy, 0, reg, static_cast<uint16_t>(data)) != 0) return -1;
   printf("[0x%4.4x]=0x%4.4x\n", reg, data);
@@ -293,7 +252,7 @@ kiv_int32 smiSet(void **argv) {
 
 kiv_int32 smiGet(void **argv) {
   uint32_t phy = 0, reg = 0;
-  if (!takeU32(argv, phy, reg)) return -1;
+  if (!cmd_takeNums(argv, phy, reg)) return -1;
   uint16_t value = 0;
   if (smi_read16(phy, 0, reg, &value) != 0) return -1;
   printf("[0x%4.4x]=0x%4.4x\n", reg, static_cast<unsigned>(value));
@@ -304,9 +263,9 @@ kiv_int32 smiBrdSet(void **) { return 0; }   // accepted, does nothing
 
 kiv_int32 smiExtAccess(void **argv) {
   const char *op = cmd_nextStr(argv);
-  if (wordIs(op, "set")) {
+  if (cmd_wordIs(op, "set")) {
     uint32_t value = 0;
-    if (!takeU32(argv, value)) return -1;
+    if (!cmd_takeNums(argv, value)) return -1;
     const uint32_t on = (value & 0xFFu) != 0 ? 1u : 0u;
     if (reg_field_write(kUnit, kPhyAccessCfg, kSelExtAccessBit, 1, on) != 0) {
       puts("Access register fail\r");
@@ -314,7 +273,7 @@ kiv_int32 smiExtAccess(void **argv) {
     }
     return 0;
   }
-  if (wordIs(op, "get")) {
+  if (cmd_wordIs(op, "get")) {
     // The bit is taken from a word that is not read from the chip (kept as built).
     const uint32_t word = 0;
     uint32_t bit = 0;
@@ -331,14 +290,14 @@ kiv_int32 smiExtAccess(void **argv) {
 // MDC/MDIO channel master: one paged access to the device with the given PHY ID.
 kiv_int32 smiChannel(void **argv) {
   const char *op = cmd_nextStr(argv);
-  const bool isSet = wordIs(op, "set");
-  if (!isSet && !wordIs(op, "get")) {
+  const bool isSet = cmd_wordIs(op, "set");
+  if (!isSet && !cmd_wordIs(op, "get")) {
     puts("unknow command\r");
     return 0;
   }
   uint32_t phy = 0, page = 0, reg = 0, value = 0;
-  if (!takeU32(argv, phy, page, reg)) return -1;
-  if (isSet && !takeU32(argv, value)) return -1;
+  if (!cmd_takeNums(argv, phy, page, reg)) return -1;
+  if (isSet && !cmd_takeNums(argv, value)) return -1;
   phy &= 0xFu;
   if (phy == 0xBu) page = 31;   // the T18 is reached on page 31 only
   reg &= 0x1Fu;
@@ -366,14 +325,6 @@ kiv_int32 smiChannel(void **argv) {
     printf("Page: 0x%03x Reg: %d value:0x%04x\r\n", page, static_cast<int>(reg), word >> 16);
   return 0;
 }
-
-constexpr std::array<SubCmd, 5> kSmiCmds{{
-    {"set", smiSet},
-    {"get", smiGet},
-    {"brdset", smiBrdSet},
-    {"extaccess", smiExtAccess},
-    {"channel", smiChannel},
-}};
 
 // ---- internal PHY access unit ------------------------------------------------------------
 // Polls until the unit's start bit is clear: 0, or -11 when it stays busy (a failed read
@@ -449,7 +400,7 @@ kiv_int32 gphyExtAccess(uint8_t extPage, uint8_t reg, bool write, uint16_t *data
 // ---- mmd ------------------------------------------------------------------------------------
 kiv_int32 mmdCmdRead(void **argv) {
   uint32_t phy = 0, dev = 0, reg = 0;
-  if (!takeU32(argv, phy, dev, reg)) return -1;
+  if (!cmd_takeNums(argv, phy, dev, reg)) return -1;
   uint16_t value = 0;
   if (mmdRead(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg), &value) != 0)
     value = 0;
@@ -459,21 +410,16 @@ kiv_int32 mmdCmdRead(void **argv) {
 
 kiv_int32 mmdCmdWrite(void **argv) {
   uint32_t phy = 0, dev = 0, reg = 0, data = 0;
-  if (!takeU32(argv, phy, dev, reg, data)) return -1;
+  if (!cmd_takeNums(argv, phy, dev, reg, data)) return -1;
   (void)mmdWrite(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg),
                  static_cast<uint16_t>(data));
   return 0;
 }
 
-constexpr std::array<SubCmd, 2> kMmdCmds{{
-    {"read", mmdCmdRead},
-    {"write", mmdCmdWrite},
-}};
-
 // ---- phy / gphy --------------------------------------------------------------------------
 kiv_int32 phyCmdRead(void **argv) {
   uint32_t phy = 0, page = 0, reg = 0;
-  if (!takeU32(argv, phy, page, reg)) return -1;
+  if (!cmd_takeNums(argv, phy, page, reg)) return -1;
   uint16_t value = 0;
   const kiv_int32 rc =
       phyRead(static_cast<uint8_t>(phy), static_cast<uint8_t>(page), static_cast<uint8_t>(reg), &value);
@@ -484,14 +430,14 @@ kiv_int32 phyCmdRead(void **argv) {
 
 kiv_int32 phyCmdWrite(void **argv) {
   uint32_t phy = 0, page = 0, reg = 0, value = 0;
-  if (!takeU32(argv, phy, page, reg, value)) return -1;
+  if (!cmd_takeNums(argv, phy, page, reg, value)) return -1;
   return phyWrite(static_cast<uint8_t>(phy), static_cast<uint8_t>(page), static_cast<uint8_t>(reg),
                   static_cast<uint16_t>(value));
 }
 
 kiv_int32 phyCmdReadExt(void **argv) {
   uint32_t page = 0, reg = 0;
-  if (!takeU32(argv, page, reg)) return -1;
+  if (!cmd_takeNums(argv, page, reg)) return -1;
   uint16_t value = 0;
   const kiv_int32 rc = gphyExtAccess(static_cast<uint8_t>(page), static_cast<uint8_t>(reg), false, &value);
   if (rc != 0) return rc;
@@ -501,17 +447,10 @@ kiv_int32 phyCmdReadExt(void **argv) {
 
 kiv_int32 phyCmdWriteExt(void **argv) {
   uint32_t page = 0, reg = 0, value = 0;
-  if (!takeU32(argv, page, reg, value)) return -1;
+  if (!cmd_takeNums(argv, page, reg, value)) return -1;
   uint16_t data = static_cast<uint16_t>(value);
   return gphyExtAccess(static_cast<uint8_t>(page), static_cast<uint8_t>(reg), true, &data);
 }
-
-constexpr std::array<SubCmd, 4> kPhyCmds{{
-    {"read", phyCmdRead},
-    {"write", phyCmdWrite},
-    {"readext", phyCmdReadExt},
-    {"writeext", phyCmdWriteExt},
-}};
 
 // ---- mdx ------------------------------------------------------------------------------------
 kiv_int32 mdxConfigure(uint32_t divisor, uint32_t preambleCode) {
@@ -574,8 +513,8 @@ kiv_int32 mdxInit(void **argv) {
 
 kiv_int32 mdxSetGet(void **argv, bool write) {
   uint32_t phy = 0, reg = 0, data = 0;
-  if (!takeU32(argv, phy, reg)) return -1;
-  if (write && !takeU32(argv, data)) return -1;
+  if (!cmd_takeNums(argv, phy, reg)) return -1;
+  if (write && !cmd_takeNums(argv, data)) return -1;
   const uint8_t phyId = static_cast<uint8_t>(phy);
   if (phyId > 31) {
     puts("PHY ID range is 0~0x1F");
@@ -590,32 +529,122 @@ kiv_int32 mdxSetGet(void **argv, bool write) {
 kiv_int32 mdxSet(void **argv) { return mdxSetGet(argv, true); }
 kiv_int32 mdxGet(void **argv) { return mdxSetGet(argv, false); }
 
-constexpr std::array<SubCmd, 3> kMdxCmds{{
-    {"init", mdxInit},
-    {"set", mdxSet},
-    {"get", mdxGet},
-}};
-
 }  // namespace
 
-kiv_int32 hx5200_cmd_reg(kiv_uint32, kiv_int32, void **argv) { return runSub(kRegCmds, cmd_nextStr(argv), argv, -1); }
+// ---- the families: grammar, subcommand table and handler --------------------------------
 
-kiv_int32 hx5200_cmd_smi(kiv_uint32, kiv_int32, void **argv) { return runSub(kSmiCmds, cmd_nextStr(argv), argv, -1); }
+const char hx5200_usageReg[] =
+    "{  set'Set content of register' { %d'Reg Address'%d'Data' }  |  get'Get content of register' { "
+    "%d'Address' }  |  setbit'Set bit value of register' { %d'Reg Address'%d'Bit Address' %d'Bit "
+    "Data' }  |  getbit'Get bit value of register' { %d'Reg address'%d'Bit address' }  |  "
+    "setbits'Set bits value of register' { %d'Reg address'%d'Start bit number'%d'End bit "
+    "number'%d'Filed value' }  |  getbits'Get bits value of register' { %d'Reg address'%d'Start bit "
+    "number'%d'End bit number' }  |  getburst'Get content of register' { %d'Address' %d 'get "
+    "numbers back'}  | chgpage'Change page' { axi'AXI' | cpu'CPU domain' | swcore'Switch core' | "
+    "spic'SPI Control' | current'Current page' | %d'page number' }  |  indirset'Set content of "
+    "register' { %d'Reg Address'%d'Data' }  |  indirget'Get content of register' { %d'Address' }  }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 10> kRegCmds{{
+    {"set", regSet},
+    {"get", regGet},
+    {"setbit", regSetBit},
+    {"getbit", regGetBit},
+    {"setbits", regSetBits},
+    {"getbits", regGetBits},
+    {"getburst", regGetBurst},
+    {"chgpage", regChgPage},
+    {"indirset", regIndirSet},
+    {"indirget", regIndirGet},
+}};
+}  // namespace
+
+kiv_int32 hx5200_cmd_reg(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kRegCmds, cmd_nextStr(argv), argv, -1); }
+
+const char hx5200_usageSmi[] =
+    "{  set'Set content of register' { %d'phyID' %d'Register Address'%d'Data' }  |  get'Get content "
+    "of register' { %d'phyID' %d'Register Address' }  |  brdset'Broadcast to PHY port' { %d'Port "
+    "mask' %d'Page' %d'offset' %d'value' }  |  extaccess' Select MDC/MDIO interface to GPIO pin'  { "
+    "get'Get current settings'  | set'Set' %d'0:MAC 1: PHY'  }  | channel'MDC/MDIO Channel access'  "
+    "{ get'Get' { %d'phyID. 0xB for T18' %d'Page' %d'Reg' } | set'Set' { %d'phyID. 0xB for T18' "
+    "%d'Page' %d'Reg' %d'Value' } } }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 5> kSmiCmds{{
+    {"set", smiSet},
+    {"get", smiGet},
+    {"brdset", smiBrdSet},
+    {"extaccess", smiExtAccess},
+    {"channel", smiChannel},
+}};
+}  // namespace
+
+kiv_int32 hx5200_cmd_smi(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kSmiCmds, cmd_nextStr(argv), argv, -1); }
+
+const char hx5200_usageMmd[] =
+    "{ read'read mmd register' { %d'phy number' %d'device id' %d'reg address'}  | write'write mmd "
+    "register' { %d'phy number' %d'device id' %d'reg address' %d'reg vale' } }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 2> kMmdCmds{{
+    {"read", mmdCmdRead},
+    {"write", mmdCmdWrite},
+}};
+}  // namespace
 
 kiv_int32 hx5200_cmd_mmd(kiv_uint32, kiv_int32, void **argv) {
-  const char *word = cmd_nextStr(argv);
-  (void)runSub(kMmdCmds, word, argv, 0);
+  (void)cmd_runSub(kMmdCmds, cmd_nextStr(argv), argv, 0);
   puts("MMD Over");
   return 0;
 }
 
-kiv_int32 hx5200_cmd_mdx(kiv_uint32, kiv_int32, void **argv) { return runSub(kMdxCmds, cmd_nextStr(argv), argv, 0); }
+const char hx5200_usageMdx[] =
+    "{  init 'Init MDX controller '  { %d 'baud rate. The mdx clock = 12.5MHz / baudrate'  { %d "
+    "'preamble: 0, 8, 16, 32'  }  }  |  set'Set content of register' { %d'PHY ID: 0~31'%d'Reg "
+    "Address'%d'Data' }  |  get'Get content of register' { %d'PHY ID: 0~31'%d'Address' } }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 3> kMdxCmds{{
+    {"init", mdxInit},
+    {"set", mdxSet},
+    {"get", mdxGet},
+}};
+}  // namespace
+
+kiv_int32 hx5200_cmd_mdx(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kMdxCmds, cmd_nextStr(argv), argv, 0); }
+
+// `phy` and `gphy` share the handler: `gphy` has the extension-page words, `phy` the rest.
+const char hx5200_usagePhy[] =
+    "{ r'R calibration of a phy' { %d'phy number' }  | rc'RC calibration of a phy' { %d'phy number' "
+    "}  | read'read phy register' { %d'phy number' %d'page' %d'reg address' }  | write'write phy "
+    "register' { %d'phy number' %d'page' %d'reg address' %d'reg value' }  | testmode'set phy test "
+    "mode' { %d'phy number' %d'test mode' }  | rtpgetm'get phy RTP measurement' { %d'phy number' }  "
+    "| phyreset'reset a phy' { %d'phy number' }  | reset'reset all phys'  | enable'enable or disable "
+    "a phy' { %d'phy number' %d'0:disable 1:enable' }  | role'set phy master/slave role' { %d'phy "
+    "number' %d'0:slave 1:master' }  | autopolarity'set phy auto polarity' { %d'phy number' "
+    "%d'0:off 1:on' }  | linkst'get phy link status' { %d'phy number' }  | outputlinkst'output link "
+    "status on GPIOC0' { %d'phy number' }  | pktgen'phy packet generator' { %d'phy number' "
+    "%d'packet count' }  | channel'phy MDC/MDIO channel access' { %d'phy number' }  | ocp2reg'read "
+    "phy register by OCP address' { %d'OCP address' }  | mdc2reg'read phy register by MDIO address' "
+    "{ %d'phy number' %d'reg address' } }";
+const char hx5200_usageGphy[] =
+    "{ readext'read register of extension page of giga phy' { %d'page' %d'reg address'}  | "
+    "writeext'write value into register of extension page of giga phy' { %d'page' %d'reg address' "
+    "%d'reg vale' } }";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 4> kPhyCmds{{
+    {"read", phyCmdRead},
+    {"write", phyCmdWrite},
+    {"readext", phyCmdReadExt},
+    {"writeext", phyCmdWriteExt},
+}};
+}  // namespace
 
 kiv_int32 hx5200_cmd_phy(kiv_uint32, kiv_int32, void **argv) {
   const char *word = cmd_nextStr(argv);
   if (word == nullptr) return -1;
-  for (const SubCmd &row : kPhyCmds)
-    if (row.word == word) return row.fn(argv);
+  if (const cmd_sub_t<> *row = cmd_findSub(kPhyCmds, word)) return row->fn(argv);
   printf("phy %s: not supported\n", word);
   return -1;
 }

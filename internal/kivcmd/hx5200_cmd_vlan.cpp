@@ -1,4 +1,5 @@
 // `vlan`: VLAN table, multicast lookup mode, default VLANs, filtering and retagging.
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -16,35 +17,6 @@ constexpr kiv_int32 kCmdEntryNotFound = 0x10005;
 constexpr uint32_t kFilterPortMax = 7;
 constexpr uint32_t kFilterAllLast = 6;   // "all" covers ports 0..6
 constexpr uint32_t kMcFidMax = 16;
-
-// One value handed out by the parser: a keyword (text) or a number.
-struct Arg {
-  const char *word = nullptr;   // keyword text, or null for a number
-  uint32_t num = 0;
-  bool present = false;
-};
-
-Arg nextArg(void **argv) {
-  Arg a;
-  void *p = nullptr;
-  kiv_uint32 sz = 0;
-  if (!cmd_next(argv, &p, &sz) || p == nullptr) return a;
-  a.present = true;
-  if (sz == 0)
-    a.word = static_cast<const char *>(p);
-  else if (sz == 4)
-    std::memcpy(&a.num, p, 4);
-  return a;
-}
-
-const char *nextWord(void **argv) {
-  const Arg a = nextArg(argv);
-  return a.word ? a.word : "";
-}
-
-uint32_t nextNum(void **argv) { return nextArg(argv).num; }
-
-bool is(const char *word, const char *kw) { return std::strcmp(word, kw) == 0; }
 
 void printEntry(uint32_t vid, uint32_t mbrmsk, uint32_t untagmsk, uint8_t fid, uint8_t ulfid, uint8_t vbfwd) {
   printf("get vlan table : vid = %d, mbrmsk = 0x%x, untagmsk = 0x%x, fid = %d, ulfid = %d, vbfwd = %d, valid = %d\n",
@@ -64,15 +36,15 @@ kiv_int32 getEntry(uint32_t vid, Entry &e) {
 // ---- table -----------------------------------------------------------------------------------
 
 kiv_int32 vlanSet(void **argv) {
-  const uint32_t vid = nextNum(argv);
+  const uint32_t vid = cmd_nextNum(argv);
   // Fields without an argument are carried over from the entry being replaced.
   Entry old;
   if (getEntry(vid, old) != 0) old.statefulmsk = 0;
-  const uint32_t mbrmsk = nextNum(argv);
-  const uint32_t untagmsk = nextNum(argv);
-  const uint32_t fid = nextNum(argv);
-  const uint32_t ulfid = nextNum(argv);
-  const uint32_t vbfwd = nextNum(argv);
+  const uint32_t mbrmsk = cmd_nextNum(argv);
+  const uint32_t untagmsk = cmd_nextNum(argv);
+  const uint32_t fid = cmd_nextNum(argv);
+  const uint32_t ulfid = cmd_nextNum(argv);
+  const uint32_t vbfwd = cmd_nextNum(argv);
   if (hxk_vlan_set(vid, mbrmsk, untagmsk, old.statefulmsk, fid, ulfid, vbfwd, old.interface_id,
                    old.interface_valid) != 0) {
     puts("vlan set failed !");
@@ -85,7 +57,7 @@ kiv_int32 vlanSet(void **argv) {
 }
 
 kiv_int32 vlanGet(void **argv) {
-  const uint32_t vid = nextNum(argv);
+  const uint32_t vid = cmd_nextNum(argv);
   Entry e;
   const kiv_int32 ret = getEntry(vid, e);
   if (ret == 0)
@@ -97,7 +69,7 @@ kiv_int32 vlanGet(void **argv) {
   return 0;
 }
 
-kiv_int32 vlanDump() {
+kiv_int32 vlanDump(void **) {
   for (uint32_t vid = 1; vid < HXK_VLAN_VID_MAX; ++vid) {
     Entry e;
     if (getEntry(vid, e) == 0) printEntry(vid, e.mbrmsk, e.untagmsk, e.fid, e.ulfid, e.vbfwd);
@@ -110,9 +82,9 @@ kiv_int32 vlanDump() {
 const char *yesNo(uint32_t v) { return v == 1 ? "Yes" : "No"; }
 
 kiv_int32 vlanMode(void **argv) {
-  if (!is(nextWord(argv), "multicast")) return 0;
-  const char *op = nextWord(argv);
-  if (is(op, "get")) {
+  if (!cmd_wordIs(cmd_nextWord(argv), "multicast")) return 0;
+  const char *op = cmd_nextWord(argv);
+  if (cmd_wordIs(op, "get")) {
     uint32_t useFid = 0, fixEn = 0, fid = 0;
     reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, &useFid);
     reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN, &fixEn);
@@ -122,10 +94,10 @@ kiv_int32 vlanMode(void **argv) {
     printf("                    Fix FID:%u\r\n", fid);
     return 0;
   }
-  if (is(op, "set")) {
-    uint32_t useFid = nextNum(argv) & 0xFFu;
-    uint32_t fixEn = nextNum(argv) & 0xFFu;
-    const uint32_t fid = nextNum(argv) & 0xFFu;
+  if (cmd_wordIs(op, "set")) {
+    uint32_t useFid = cmd_nextNum(argv) & 0xFFu;
+    uint32_t fixEn = cmd_nextNum(argv) & 0xFFu;
+    const uint32_t fid = cmd_nextNum(argv) & 0xFFu;
     if (useFid > 1) useFid = 0;
     if (fixEn > 1) fixEn = 0;
     if (fid > kMcFidMax) {
@@ -142,23 +114,23 @@ kiv_int32 vlanMode(void **argv) {
 // ---- default VLANs -----------------------------------------------------------------------
 
 kiv_int32 vlanPvid(void **argv) {
-  const uint32_t port = nextNum(argv) & 0xFFu;
-  const char *tag = nextWord(argv);
-  const bool outer = is(tag, "outer");
-  if (!outer && !is(tag, "inner")) return 0;
+  const uint32_t port = cmd_nextNum(argv) & 0xFFu;
+  const char *tag = cmd_nextWord(argv);
+  const bool outer = cmd_wordIs(tag, "outer");
+  if (!outer && !cmd_wordIs(tag, "inner")) return 0;
   // Read first: a set keeps the priority (and the outer tag's DEI) already configured.
   uint32_t pvid = 0, pri = 0, dei = 0;
   if (outer)
     hxk_vlan_portOuterPvid_get(port, &pvid, &pri, &dei);
   else
     hxk_vlan_portPvid_get(port, &pvid, &pri);
-  const char *op = nextWord(argv);
-  if (is(op, "get")) {
+  const char *op = cmd_nextWord(argv);
+  if (cmd_wordIs(op, "get")) {
     printf("Port %u PVID:%u\r\n", port, pvid);
     return 0;
   }
-  if (is(op, "set")) {
-    const uint32_t newPvid = nextNum(argv);
+  if (cmd_wordIs(op, "set")) {
+    const uint32_t newPvid = cmd_nextNum(argv);
     const kiv_int32 ret = outer ? hxk_vlan_portOuterPvid_set(port, newPvid, pri, dei)
                                 : hxk_vlan_portPvid_set(port, newPvid, pri);
     if (ret == kCmdVidError) {
@@ -172,8 +144,8 @@ kiv_int32 vlanPvid(void **argv) {
 // ---- filtering ---------------------------------------------------------------------------
 
 // Port range of "<port>" or "all"; false (with the message) for a port above 7.
-bool filterPorts(const Arg &a, uint32_t &first, uint32_t &last) {
-  if (a.word != nullptr && is(a.word, "all")) {
+bool filterPorts(const cmd_arg_t &a, uint32_t &first, uint32_t &last) {
+  if (cmd_wordIs(a.word, "all")) {
     first = 0;
     last = kFilterAllLast;
     return true;
@@ -189,16 +161,16 @@ bool filterPorts(const Arg &a, uint32_t &first, uint32_t &last) {
 
 // Both `igfilter` and `egfilter` switch ingress filtering: that is the command as built.
 kiv_int32 vlanFilter(void **argv) {
-  const char *op = nextWord(argv);
+  const char *op = cmd_nextWord(argv);
   uint32_t first = 0, last = 0;
-  if (is(op, "set")) {
-    if (!filterPorts(nextArg(argv), first, last)) return -1;
-    const uint32_t enable = is(nextWord(argv), "enable") ? 1 : 0;
+  if (cmd_wordIs(op, "set")) {
+    if (!filterPorts(cmd_nextArg(argv), first, last)) return -1;
+    const uint32_t enable = cmd_wordIs(cmd_nextWord(argv), "enable") ? 1 : 0;
     for (uint32_t p = first; p <= last; ++p) hxk_vlan_portIgrFilterEn_set(p, enable);
     return 0;
   }
-  if (is(op, "get")) {
-    if (!filterPorts(nextArg(argv), first, last)) return -1;
+  if (cmd_wordIs(op, "get")) {
+    if (!filterPorts(cmd_nextArg(argv), first, last)) return -1;
     puts("port id\tIGFILTER\r");
     uint32_t enable = 0;
     for (uint32_t p = first; p <= last; ++p) {
@@ -237,33 +209,33 @@ kiv_int32 retagInit(const RetagOps &ops) {
 }
 
 kiv_int32 retagSet(const RetagOps &ops, void **argv) {
-  const char *what = nextWord(argv);
-  if (is(what, "status")) {
-    const Arg target = nextArg(argv);
-    const uint32_t enable = is(nextWord(argv), "enable") ? 1 : 0;
-    if (target.word != nullptr && is(target.word, "all")) {
+  const char *what = cmd_nextWord(argv);
+  if (cmd_wordIs(what, "status")) {
+    const cmd_arg_t target = cmd_nextArg(argv);
+    const uint32_t enable = cmd_wordIs(cmd_nextWord(argv), "enable") ? 1 : 0;
+    if (cmd_wordIs(target.word, "all")) {
       for (uint32_t p = 0; p <= HXK_VLAN_PORT_MAX; ++p)
         if (ops.statusSet(p, enable) != 0) return -1;
       return 0;
     }
     return ops.statusSet(target.num, enable) == 0 ? 0 : -1;
   }
-  if (is(what, "entry")) {
-    const uint32_t index = nextNum(argv);
-    const uint32_t origVid = nextNum(argv);
-    const uint32_t newVid = nextNum(argv);
-    const uint32_t mask = nextNum(argv);
-    const uint8_t valid = static_cast<uint8_t>(nextNum(argv));
+  if (cmd_wordIs(what, "entry")) {
+    const uint32_t index = cmd_nextNum(argv);
+    const uint32_t origVid = cmd_nextNum(argv);
+    const uint32_t newVid = cmd_nextNum(argv);
+    const uint32_t mask = cmd_nextNum(argv);
+    const uint8_t valid = static_cast<uint8_t>(cmd_nextNum(argv));
     return ops.entrySet(index, origVid, newVid, mask, valid) == 0 ? 0 : -1;
   }
   return -1;
 }
 
 kiv_int32 retagGet(const RetagOps &ops, void **argv) {
-  const char *what = nextWord(argv);
-  const Arg target = nextArg(argv);
-  const bool all = target.word != nullptr && is(target.word, "all");
-  if (is(what, "status")) {
+  const char *what = cmd_nextWord(argv);
+  const cmd_arg_t target = cmd_nextArg(argv);
+  const bool all = cmd_wordIs(target.word, "all");
+  if (cmd_wordIs(what, "status")) {
     const uint32_t first = all ? 0 : target.num, last = all ? HXK_VLAN_PORT_MAX : target.num;
     for (uint32_t p = first; p <= last; ++p) {
       uint32_t enable = 0;
@@ -272,7 +244,7 @@ kiv_int32 retagGet(const RetagOps &ops, void **argv) {
     }
     return 0;
   }
-  if (is(what, "entry")) {
+  if (cmd_wordIs(what, "entry")) {
     const uint32_t first = all ? 0 : target.num, last = all ? HXK_VLAN_RETAG_ENTRIES - 1 : target.num;
     for (uint32_t i = first; i <= last; ++i) {
       uint32_t origVid = 0, newVid = 0, mask = 0;
@@ -292,29 +264,67 @@ kiv_int32 retagGet(const RetagOps &ops, void **argv) {
   return -1;
 }
 
+using RetagFn = kiv_int32 (*)(const RetagOps &ops, void **argv);
+kiv_int32 retagInitCmd(const RetagOps &ops, void **) { return retagInit(ops); }
+constexpr std::array<cmd_sub_t<RetagFn>, 3> kRetagCmds{{
+    {"init", retagInitCmd},
+    {"set", retagSet},
+    {"get", retagGet},
+}};
+
 kiv_int32 vlanRetag(const RetagOps &ops, void **argv) {
-  const char *op = nextWord(argv);
-  if (is(op, "init")) return retagInit(ops);
-  if (is(op, "set")) return retagSet(ops, argv);
-  if (is(op, "get")) return retagGet(ops, argv);
-  return -1;
+  const cmd_sub_t<RetagFn> *row = cmd_findSub(kRetagCmds, cmd_nextWord(argv));
+  return row ? row->fn(ops, argv) : -1;
+}
+
+kiv_int32 vlanIgRetag(void **argv) { return vlanRetag(kIgrRetag, argv); }
+kiv_int32 vlanEgRetag(void **argv) { return vlanRetag(kEgrRetag, argv); }
+
+kiv_int32 vlanInit(void **) {
+  puts(hxk_vlan_init() == 0 ? "vlan init success !" : "vlan init failed !");
+  return 0;
 }
 
 }  // namespace
 
+const char hx5200_usageVlan[] =
+    "{  set'set vlan entry' { %d'vlan id' %d'member port mask' %d'untag port mask' %d'fid' "
+    "%d'ulfid, 0-1' %d'vbfwd, 0-1'}  |  get'get vlan entry' %d'vlan id'  |  dump'dump vlan'  |  "
+    "init'init vlan'  |  mode'Set/Get multicast settings' { multicast'Multicast settings' { get'Get "
+    "multicast settings'  | set'Set According to FID from table or not. Fix Multicast FID or not. "
+    "Fix Multicast FID' { %d'Using FID L2 table or not' %d'Using Fix Multicast FID' %d'Multicast "
+    "FID' } } }  | pvid'Port pvid' %d'Port id'  { inner'Inner tag Default PVID'  { get'Get PVID'  | "
+    "set'Set PVID' %d'PVID'  }  | outer'Outer tag PVID'  { get'Get PVID'  | set'Set PVID' %d'PVID'  "
+    "}  }  | igfilter'Ingress filter'  { set'Set'  { %d'Port id'  { enable'Enable'  | "
+    "disable'Disable'  } | all'All port'  { enable'Enable'  | disable'Disable'  }  }  | get'Get'  { "
+    "%d'Port id'  | all'All port'  }  }  | egfilter'Egress filter'  { set'Set'  { %d'Port id'  { "
+    "enable'Enable'  | disable'Disable'  } | all'All port'  { enable'Enable'  | disable'Disable'  }  "
+    "}  | get'Get'  { %d'Port id'  | all'All port'  }  }  | igretag 'Ingress VLAN Retagging'  { "
+    "init'Initialize'  | set'Set'  { status'Set status' { { %d'Port id' | all } { enable | disable } "
+    "}  | entry'Set an entry' { %d'Index, 0-31' %d'Original VLAN ID to be replaced' %d'New VLAN ID' "
+    "%d'Affected ingress port mask' %d'Valid bit' }  }  | get'Get'  { status'Get status' { %d'Port "
+    "id' | all }  | entry'Get an entry' { %d'Index, 0-31' | all }  }  }  | egretag 'Egress VLAN "
+    "Retagging'  { init'Initialize'  | set'Set'  { status'Set status' { { %d'Port id' | all } { "
+    "enable | disable } }  | entry'Set an entry' { %d'Index, 0-31' %d'Original VLAN ID to be "
+    "replaced' %d'New VLAN ID' %d'Affected egress port mask' %d'Valid bit' }  }  | get'Get'  { "
+    "status'Get status' { %d'Port id' | all }  | entry'Get an entry' { %d'Index, 0-31' | all }  }  } "
+    "}";
+
+namespace {
+constexpr std::array<cmd_sub_t<>, 10> kVlanCmds{{
+    {"set", vlanSet},
+    {"get", vlanGet},
+    {"dump", vlanDump},
+    {"init", vlanInit},
+    {"mode", vlanMode},
+    {"pvid", vlanPvid},
+    {"igfilter", vlanFilter},
+    {"egfilter", vlanFilter},
+    {"igretag", vlanIgRetag},
+    {"egretag", vlanEgRetag},
+}};
+}  // namespace
+
 kiv_int32 hx5200_cmd_vlan(kiv_uint32 /*uid*/, kiv_int32 /*argc*/, void **argv) {
-  const char *cmd = nextWord(argv);
-  if (is(cmd, "set")) return vlanSet(argv);
-  if (is(cmd, "get")) return vlanGet(argv);
-  if (is(cmd, "dump")) return vlanDump();
-  if (is(cmd, "init")) {
-    puts(hxk_vlan_init() == 0 ? "vlan init success !" : "vlan init failed !");
-    return 0;
-  }
-  if (is(cmd, "mode")) return vlanMode(argv);
-  if (is(cmd, "pvid")) return vlanPvid(argv);
-  if (is(cmd, "igfilter") || is(cmd, "egfilter")) return vlanFilter(argv);
-  if (is(cmd, "igretag")) return vlanRetag(kIgrRetag, argv);
-  if (is(cmd, "egretag")) return vlanRetag(kEgrRetag, argv);
-  return -1;
+  return cmd_runSub(kVlanCmds, cmd_nextWord(argv), argv, -1);
 }
