@@ -147,7 +147,8 @@ uint32_t build_read_response(const uint8_t *hdr, uint8_t code, uint32_t addr, ui
     d[0] = (uint8_t)(v >> 8);
     d[1] = (uint8_t)v;
   } else {
-    for (uint32_t i = 0; i < n / 4u; ++i) word_to(d + 4 * i, chip_read(chip_decode(addr + 4 * i)), code == kCodeSpiRead);
+    for (uint32_t i = 0; i < n / 4u; ++i)
+      word_to(d + 4 * i, chip_read(chip_decode(addr + 4 * i)), code == kCodeSpiRead);
   }
   std::memset(d + n, 0xFF, 4);
   return kHeader + alen + n + 4;

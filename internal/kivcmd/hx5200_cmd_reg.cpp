@@ -559,7 +559,9 @@ constexpr std::array<cmd_sub_t<>, 10> kRegCmds{{
 }};
 }  // namespace
 
-kiv_int32 hx5200_cmd_reg(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kRegCmds, cmd_nextStr(argv), argv, -1); }
+kiv_int32 hx5200_cmd_reg(kiv_uint32, kiv_int32, void **argv) {
+  return cmd_runSub(kRegCmds, cmd_nextStr(argv), argv, -1);
+}
 
 const char hx5200_usageSmi[] =
     "{  set'Set content of register' { %d'phyID' %d'Register Address'%d'Data' }  |  get'Get content "
@@ -579,7 +581,9 @@ constexpr std::array<cmd_sub_t<>, 5> kSmiCmds{{
 }};
 }  // namespace
 
-kiv_int32 hx5200_cmd_smi(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kSmiCmds, cmd_nextStr(argv), argv, -1); }
+kiv_int32 hx5200_cmd_smi(kiv_uint32, kiv_int32, void **argv) {
+  return cmd_runSub(kSmiCmds, cmd_nextStr(argv), argv, -1);
+}
 
 const char hx5200_usageMmd[] =
     "{ read'read mmd register' { %d'phy number' %d'device id' %d'reg address'}  | write'write mmd "
@@ -611,7 +615,9 @@ constexpr std::array<cmd_sub_t<>, 3> kMdxCmds{{
 }};
 }  // namespace
 
-kiv_int32 hx5200_cmd_mdx(kiv_uint32, kiv_int32, void **argv) { return cmd_runSub(kMdxCmds, cmd_nextStr(argv), argv, 0); }
+kiv_int32 hx5200_cmd_mdx(kiv_uint32, kiv_int32, void **argv) {
+  return cmd_runSub(kMdxCmds, cmd_nextStr(argv), argv, 0);
+}
 
 // `phy` and `gphy` share the handler: `gphy` has the extension-page words, `phy` the rest.
 const char hx5200_usagePhy[] =

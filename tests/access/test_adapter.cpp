@@ -12,7 +12,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
-#include "pcap_reader.h"
+#include "capture_reader.h"
 #include "run_tool.h"
 #include "sim/sim.h"
 

@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "capture_reader.h"
 #include "run_tool.h"
 
 namespace {
@@ -36,24 +37,8 @@ bool refusedBeforeDone(const std::string &kind) {
   return kind == "nak" || kind == "badstatus" || kind == "datamissing";
 }
 
-// Command headers (bulk OUT packets that start with the adapter's magic) in a pcap file
-// written by KIVTOOL_PCAP (usbmon records of 64 bytes before the data).
-uint32_t countHeaders(const std::string &pcap) {
-  static constexpr uint8_t kMagic[6] = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
-  const std::string d = read_file(pcap);
-  uint32_t n = 0;
-  for (size_t off = 24; off + 16 <= d.size();) {
-    uint32_t incl;
-    memcpy(&incl, d.data() + off + 8, 4);
-    const size_t rec = off + 16;
-    if (rec + incl > d.size()) break;
-    if (incl >= 64 + 6 && d[rec + 8] == 'S' && static_cast<uint8_t>(d[rec + 10]) == 0x02 &&
-        memcmp(d.data() + rec + 64, kMagic, 6) == 0)
-      n++;
-    off = rec + incl;
-  }
-  return n;
-}
+// Command headers the adapter received, from the run's capture.
+uint32_t countHeaders(const std::string &pcap) { return static_cast<uint32_t>(command_headers(pcap).size()); }
 
 // Lines that report how a command ended: one per command line given.
 int reportLines(const std::string &out) {

@@ -21,19 +21,39 @@ namespace {
 
 using Knobs = std::initializer_list<std::pair<std::string, std::string>>;
 
-// Register accesses as the layer makes them: "W<addr>=<value>" and "R<addr>", addresses on
-// the controller's page shortened to their offset.
+// Register accesses as the layer makes them: "W:<register>=<value>" and "R:<register>", by
+// the names the flash layer gives its registers.
 std::string g_trace;
 bool g_tracing = false;
 
-void note(const char *fmt, uint32_t addr, uint32_t value) {
-  if (!g_tracing) return;
-  char text[40];
-  snprintf(text, sizeof text, fmt, (addr >> 24) == 0x51 ? addr & 0xFFFFFF : addr, value);
-  g_trace += text;
+const char *reg_name(uint32_t addr) {
+  static constexpr std::pair<uint32_t, const char *> kNames[] = {
+      {SPIC_CTRL, "CTRL"},      {SPIC_RXCNT, "RXCNT"},   {SPIC_ENABLE, "ENABLE"},
+      {SPIC_CS, "CS"},          {SPIC_DIV, "DIV"},       {SPIC_STATUS, "STATUS"},
+      {SPIC_DATA, "DATA"},      {SPIC_DIV2, "DIV2"},     {SPIC_FORMAT, "FORMAT"},
+      {SPIC_DELAY, "DELAY"},    {PAGE_REG_ADDR, "PAGE"}, {SPIF_ARBITRATION, "ARBITRATION"},
+      {SPIF_BOOT_STRAP, "BOOT_STRAP"}, {SPIF_PARAM_SELECT, "PARAM_SELECT"},
+      {SPIF_CLOCK_SOURCE, "CLOCK_SOURCE"}, {SPIF_CPU_SAMPLE, "CPU_SAMPLE"},
+  };
+  for (const auto &[a, name] : kNames)
+    if (a == addr) return name;
+  return "?";
 }
-int32_t traced_write(uint32_t a, uint32_t v) { note("W%x=%x ", a, v); return hx5200_usb_i2c_write(a, v); }
-int32_t traced_read(uint32_t a, uint32_t *v) { note("R%x ", a, 0); return hx5200_usb_i2c_read(a, v); }
+
+void note(char op, uint32_t addr, const uint32_t *value) {
+  if (!g_tracing) return;
+  g_trace += op;
+  g_trace += ':';
+  g_trace += reg_name(addr);
+  if (value) {
+    char text[16];
+    snprintf(text, sizeof text, "=%x", *value);
+    g_trace += text;
+  }
+  g_trace += ' ';
+}
+int32_t traced_write(uint32_t a, uint32_t v) { note('W', a, &v); return hx5200_usb_i2c_write(a, v); }
+int32_t traced_read(uint32_t a, uint32_t *v) { note('R', a, nullptr); return hx5200_usb_i2c_read(a, v); }
 
 // A fresh board with the given KIVTOOL_SIM_<name> knobs, reached over traced I2C accesses.
 class FlashBoard {
@@ -87,40 +107,50 @@ TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
   static_assert(spi_flash_addr_word(0x02, 0xAB0000FF) == 0xFF000002);   // 24 bits only
 
   FlashBoard board({{"SPIC_BUSY", "0"}, {"FLASH_WIP", "0"}});
-  const std::string run = "W8=1 R28 W8=0 ";
-  const std::string rdsr = "W8=0 W0=300 W10=1 W4=1 W11c=f W118=3 W60=5 " + run + "R60 ";
+  const std::string run = "W:ENABLE=1 R:STATUS W:ENABLE=0 ";
+  const std::string rdsr = "W:ENABLE=0 W:CTRL=300 W:CS=1 W:RXCNT=1 W:DELAY=f W:FORMAT=3 W:DATA=5 " + run + "R:DATA ";
   uint8_t st = 0;
   uint32_t word = 0;
   const uint8_t data[5] = {1, 2, 3, 4, 5};
   uint8_t buf[5];
+  // Transfer set-ups: chip select, receive count, sample delay, format, control, opcode.
+  const std::string wrenSetUp = "W:ENABLE=0 W:CTRL=0 W:CS=1 W:RXCNT=1 W:DELAY=f W:FORMAT=1 W:DATA=6 ";
+  const std::string wren = "W:CTRL=0 W:DATA=6 " + run;
   const std::vector<std::pair<std::function<int32_t()>, std::string>> cases = {
       {[&] { return spi_flash_read_status(&st); }, rdsr},
-      {[&] { return spi_flash_read_id(&word); }, "W8=0 W0=300 W10=1 W4=3 W11c=f W118=3 W60=9f " + run + "R60 "},
-      {[] { return spi_flash_write_status(0xAA, 0xBB, true); },
-       "R28 W8=0 W0=0 W10=1 W4=1 W11c=f W118=1 W60=6 " + run + "W118=2 W60=1 W60=aa W60=bb " + run + rdsr},
+      {[&] { return spi_flash_read_id(&word); },
+       "W:ENABLE=0 W:CTRL=300 W:CS=1 W:RXCNT=3 W:DELAY=f W:FORMAT=3 W:DATA=9f " + run + "R:DATA "},
+      // Every status bit set: the flash keeps 0xFC (all protection bits and bit 6).
+      {[] { return spi_flash_write_status(0xFF, 0xBB, true); },
+       "R:STATUS " + wrenSetUp + run + "W:FORMAT=2 W:DATA=1 W:DATA=ff W:DATA=bb " + run + rdsr},
       {[] { return spi_flash_write_enable(); },
-       rdsr + "W8=0 W0=0 W10=1 W4=1 W11c=2803000f W118=1 W60=6 " + run + rdsr},
-      // 0xAA carries protection bits: cleared by a one-byte write of 0xAA & 0x43, checked.
+       rdsr + "W:ENABLE=0 W:CTRL=0 W:CS=1 W:RXCNT=1 W:DELAY=2803000f W:FORMAT=1 W:DATA=6 " + run + rdsr},
+      // Status 0xFE (the latch is still set): cleared by a one-byte write of the status
+      // without its protection bits (bits 0, 1 and 6 stay), then checked.
       {[] { return spi_flash_clear_protect(); },
-       "R28 " + rdsr + rdsr + "R28 W8=0 W0=0 W10=1 W4=1 W11c=f W118=1 W60=6 " + run + "W118=1 W60=1 W60=2 " + run +
-           rdsr + rdsr},
+       "R:STATUS " + rdsr + rdsr + "R:STATUS " + wrenSetUp + run + "W:FORMAT=1 W:DATA=1 W:DATA=42 " + run + rdsr +
+           rdsr},
       {[] { return spi_flash_erase(0x3000, SPIF_ERASE_SECTOR); },
-       "R28 " + rdsr + "W11c=f W118=3 W10=1 W4=1 W0=0 W60=6 " + run + "W60=300020 " + run + rdsr},
+       "R:STATUS " + rdsr + "W:DELAY=f W:FORMAT=3 W:CS=1 W:RXCNT=1 " + wren + "W:DATA=300020 " + run + rdsr},
       {[] { return spi_flash_erase(0x3000, SPIF_ERASE_CHIP); },
-       "R28 " + rdsr + "W11c=f W118=1 W10=1 W4=1 W0=0 W60=6 " + run + "W60=c7 " + run + rdsr},
+       "R:STATUS " + rdsr + "W:DELAY=f W:FORMAT=1 W:CS=1 W:RXCNT=1 " + wren + "W:DATA=c7 " + run + rdsr},
       // Five bytes from 0xFE: two up to the page end, three from 0x100, tails as bytes.
       {[&] { return spi_flash_program(0xFE, data, 5); },
-       "R28 " + rdsr + "W10=1 W4=1 W11c=f W118=3 W0=0 W60=6 " + run + "W60=fe000002 W60=1 W60=2 " + run + rdsr +
-           "W0=0 W60=6 " + run + "W60=10002 W60=3 W60=4 W60=5 " + run + rdsr},
+       "R:STATUS " + rdsr + "W:CS=1 W:RXCNT=1 W:DELAY=f W:FORMAT=3 " + wren + "W:DATA=fe000002 W:DATA=1 W:DATA=2 " +
+           run + rdsr + wren + "W:DATA=10002 W:DATA=3 W:DATA=4 W:DATA=5 " + run + rdsr},
       {[&] { return spi_flash_read(0x10, buf, 5); },
-       "R28 " + rdsr + "W8=0 W10=1 W118=3 W0=300 W11c=f W4=5 W60=10000003 " + run + "R60 R60 "},
-      {[&] { return spi_flash_get_clock(&word); }, "Rffff01 Wffff01=51 R14 Wffff01=42 R42180000 Wffff01=51 "},
+       "R:STATUS " + rdsr + "W:ENABLE=0 W:CS=1 W:FORMAT=3 W:CTRL=300 W:DELAY=f W:RXCNT=5 W:DATA=10000003 " + run +
+           "R:DATA R:DATA "},
+      {[&] { return spi_flash_get_clock(&word); },
+       "R:PAGE W:PAGE=51 R:DIV W:PAGE=42 R:CLOCK_SOURCE W:PAGE=51 "},
       {[] { return spi_flash_apply_settings(); },
-       "W8=0 W14=8 W114=8 Rffff01 Wffff01=42 W42100030=0 Wffff01=51 W8=0 W0=300 W10=1 W4=3 W11c=f W118=3 W60=9f " +
-           run + "R60 Rffff01 Wffff01=42 R42180000 W42180000=1 Wffff01=51 W14=8 W114=8 R14 "},
-      {[] { return spi_flash_acquire(); }, "R4a1b000c W4a1b000c=2000000 R4a1b000c "},
-      {[] { return spi_flash_release(); }, "R4a1b000c W4a1b000c=0 "},
-      {[] { return spi_flash_controller_init(); }, "Wffff01=4a R4a1b0078 R4a1f0008 Wffff01=51 W8=0 Wffff01=4a "},
+       "W:ENABLE=0 W:DIV=8 W:DIV2=8 R:PAGE W:PAGE=42 W:CPU_SAMPLE=0 W:PAGE=51 "
+       "W:ENABLE=0 W:CTRL=300 W:CS=1 W:RXCNT=3 W:DELAY=f W:FORMAT=3 W:DATA=9f " +
+           run + "R:DATA R:PAGE W:PAGE=42 R:CLOCK_SOURCE W:CLOCK_SOURCE=1 W:PAGE=51 W:DIV=8 W:DIV2=8 R:DIV "},
+      {[] { return spi_flash_acquire(); }, "R:ARBITRATION W:ARBITRATION=2000000 R:ARBITRATION "},
+      {[] { return spi_flash_release(); }, "R:ARBITRATION W:ARBITRATION=0 "},
+      {[] { return spi_flash_controller_init(); },
+       "W:PAGE=4a R:BOOT_STRAP R:PARAM_SELECT W:PAGE=51 W:ENABLE=0 W:PAGE=4a "},
   };
   for (size_t i = 0; i < cases.size(); ++i) {
     g_trace.clear();
@@ -153,13 +183,19 @@ TEST(SpiFlashLayer, TimeOutsProtectionAndAFailedCalibration) {
     EXPECT_EQ(spi_flash_program(0, data, 1), 11);
   }
   {
+    // Each protection bit alone refuses erase and program; bit 6 (quad enable) protects nothing.
     FlashBoard board;
-    ASSERT_EQ(spi_flash_write_status(0x04, 0, false), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), -1);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[spi_flash_erase-[0-9]+\]-info-: Flash is protected\n)"))) << out;
-    EXPECT_EQ(spi_flash_program(0x30000, data, 1), -1);
+    const std::regex refused(R"(\[spi_flash_erase-[0-9]+\]-info-: Flash is protected\n)");
+    for (const uint8_t bit : {0x04, 0x08, 0x10, 0x20, 0x80}) {
+      ASSERT_EQ(spi_flash_write_status(bit, 0, false), 0);
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(spi_flash_erase(0, SPIF_ERASE_CHIP), -1) << int(bit);
+      const std::string out = testing::internal::GetCapturedStdout();
+      EXPECT_TRUE(std::regex_match(out, refused)) << out;
+      EXPECT_EQ(spi_flash_program(0x30000, data, 1), -1) << int(bit);
+    }
+    ASSERT_EQ(spi_flash_write_status(0x40, 0, false), 0);
+    EXPECT_EQ(spi_flash_program(0x30000, data, 1), 0);
     EXPECT_EQ(spi_flash_erase(0, 3), -2);
   }
   // A failed calibration puts the sample delay and the sample control back.
@@ -169,6 +205,24 @@ TEST(SpiFlashLayer, TimeOutsProtectionAndAFailedCalibration) {
   EXPECT_EQ(spi_flash_calibrate(), -1);
   EXPECT_EQ(spi_flash_cfg.sysDelay, 21u);
   EXPECT_EQ(sim::chip_read(SPIF_CPU_SAMPLE), 0x5Au);
+}
+
+// A program never crosses a page end: one ending exactly at it stays one page program, one
+// ending a byte past it puts that byte at the start of the next page (the flash itself
+// would wrap it to the start of the same page).
+TEST(SpiFlashLayer, ProgramSplitsExactlyAtPageEnds) {
+  FlashBoard board;
+  flash_program(0x1FE, {0x11, 0x22});
+  flash_program(0x2FF, {0x33, 0x44});
+  flash_program(0x400, Bytes(256, 0x55));
+  EXPECT_EQ(flash_read(0x1FE, 3), (Bytes{0x11, 0x22, 0xFF}));
+  EXPECT_EQ(flash_read(0x200, 1), Bytes{0xFF});
+  EXPECT_EQ(flash_read(0x2FE, 3), (Bytes{0xFF, 0x33, 0x44}));
+  EXPECT_EQ(flash_read(0x3FF, 258), [] {
+    Bytes b(258, 0x55);
+    b.front() = b.back() = 0xFF;
+    return b;
+  }());
 }
 
 TEST(SpiFlashLayer, MultiLineReadSetUpAndItsDelayArithmetic) {

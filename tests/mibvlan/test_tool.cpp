@@ -170,7 +170,7 @@ TEST(MibTool, DumpregAppendsUntilTheToolIsEnded) {
 TEST(VlanTool, SetGetRemoveRefusalsAndTheDumpOfValidEntriesBetween1And4094) {
   const Session s = run_lines({"vlan set 10 0x3 0x1 0 0 0", "vlan get 10", "vlan set 10 0 0 0 0 0", "vlan get 10",
                                "vlan set 10 3 1 15 0 0", "vlan set 10 3 1 0 2 0", "vlan get 4096",
-                               "vlan set 0 1 0 0 0 0", "vlan set 4095 1 0 0 0 0", "vlan set 7 1 0 0 0 0", "vlan init",
+                               "vlan set 7 1 0 0 0 0", "vlan init", "vlan set 0 1 0 0 0 0", "vlan set 4095 1 0 0 0 0",
                                "vlan set 100 1 0 3 0 1", "vlan set 4094 0xF0 0 0 0 0", "vlan dump"});
   EXPECT_HAS(s.res.out,
              "set vlan table : vid = 10, mbrmsk = 3, untagmsk = 1, fid = 0, ulfid = 0, vbfwd = 0, valid = 1\n"

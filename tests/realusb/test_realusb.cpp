@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <functional>
 
-#include "../access/pcap_reader.h"
 #include "access/usbio.h"
+#include "capture_reader.h"
 #include "run_tool.h"
 #include "sim/usbfs/usbfs_bed.h"
 

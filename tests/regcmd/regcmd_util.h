@@ -1,5 +1,5 @@
 // Helpers for the register and configuration command tests: piped sessions on the
-// simulated board compared byte for byte, and the adapter commands seen in a capture.
+// simulated board compared byte for byte, and the register accesses seen in a capture.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture_reader.h"
 #include "run_tool.h"
 
 inline const std::string kOk = "Success!!\n";
@@ -42,35 +43,35 @@ inline void expectSession(const std::vector<Step> &steps, const Env &env = {}) {
   EXPECT_EQ(runSession(lines, env), expected);
 }
 
-// Command headers the host sent to the adapter (bulk OUT submits that start with the
-// magic), in order, from a pcap file of link type 220.
-inline std::vector<std::vector<uint8_t>> capturedCommands(const std::string &pcap) {
-  std::vector<std::vector<uint8_t>> cmds;
-  const auto *p = reinterpret_cast<const uint8_t *>(pcap.data());
-  auto u32 = [&](size_t off) { return uint32_t(p[off]) | uint32_t(p[off + 1]) << 8 | uint32_t(p[off + 2]) << 16 | uint32_t(p[off + 3]) << 24; };
-  static const uint8_t kMagic[6] = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
-  for (size_t off = 24; off + 16 + 64 <= pcap.size();) {
-    const size_t incl = u32(off + 8);
-    const size_t rec = off + 16;
-    if (rec + incl > pcap.size() || incl < 64) break;
-    const bool outSubmit = p[rec + 8] == 'S' && p[rec + 10] == 0x02;
-    if (outSubmit && incl >= 64 + 24 && std::equal(kMagic, kMagic + 6, p + rec + 64))
-      cmds.emplace_back(p + rec + 64, p + rec + incl);
-    off = rec + incl;
-  }
-  return cmds;
-}
+// Names of the registers the register commands reach, as the transports carry them (24 bits).
+struct RegName {
+  uint32_t addr;
+  const char *name;
+};
+inline constexpr RegName kRegNames[] = {
+    {0xFFFF11, "INDIR_CTRL"},   {0xFFFF15, "INDIR_DATA"},  {0x180048, "PHY_ACCESS_CFG"},
+    {0x18004C, "PHY_ACCESS_CMD"}, {0x180050, "PHY_ACCESS_AUX"}, {0x450040, "MDX_CFG"},
+    {0x450044, "MDX_PHY_ID"},   {0x450048, "MDX_CMD"},     {0x640008, "MDX_PIN_CTL"},
+    {0x4B0000, "L2_MC_LOOKUP_CTRL"},
+};
 
-// Register accesses of the I2C register transfers in a capture, in order: "R2F0000" for a
-// read, "W2F0000" for a write (the 24-bit address the transport carries), blank-separated.
-inline std::string registerAccesses(const std::string &pcap) {
+// Register accesses of the I2C register transfers in a capture file, in order: "R:<name>"
+// for a read, "W:<name>" for a write, blank-separated; a register without a name above
+// shows its 24-bit address in hex.
+inline std::string registerAccesses(const std::string &pcapPath) {
+  using namespace usbio_proto;
   std::string seq;
-  for (const auto &c : capturedCommands(pcap)) {
-    if (c.size() < 27 || (c[8] != 0x13 && c[8] != 0x14)) continue;
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%s%c%06X", seq.empty() ? "" : " ", c[8] == 0x13 ? 'W' : 'R',
-                  unsigned(c[24]) | unsigned(c[25]) << 8 | unsigned(c[26]) << 16);
-    seq += buf;
+  for (const auto &c : command_headers(pcapPath)) {
+    if (c.size() < kHeader + 3 || (c[8] != kCodeI2cWrite && c[8] != kCodeI2cRead)) continue;
+    const uint32_t addr = unsigned(c[24]) | unsigned(c[25]) << 8 | unsigned(c[26]) << 16;
+    char hex[8];
+    std::snprintf(hex, sizeof hex, "%06X", addr);
+    const char *name = hex;
+    for (const RegName &r : kRegNames)
+      if (r.addr == addr) name = r.name;
+    if (!seq.empty()) seq += ' ';
+    seq += c[8] == kCodeI2cWrite ? "W:" : "R:";
+    seq += name;
   }
   return seq;
 }

@@ -57,10 +57,11 @@ TEST(GetCommand, VersionsFromTheBoard) {
 std::string transports(const std::vector<std::vector<uint8_t>> &cmds) {
   std::string seq;
   for (const auto &c : cmds) {
-    const char t = c[8] == 0x13 || c[8] == 0x14   ? 'I'
-                   : c[8] == 0x23 || c[8] == 0x24 ? 'S'
-                   : c[8] == 0x43 || c[8] == 0x44 ? 'M'
-                                                  : 0;
+    using namespace usbio_proto;
+    const char t = c[8] == kCodeI2cWrite || c[8] == kCodeI2cRead   ? 'I'
+                   : c[8] == kCodeSpiWrite || c[8] == kCodeSpiRead ? 'S'
+                   : c[8] == kCodeSmiWrite || c[8] == kCodeSmiRead ? 'M'
+                                                                   : 0;
     if (t && (seq.empty() || seq.back() != t)) seq += t;
   }
   return seq;
@@ -80,7 +81,7 @@ TEST(SetCommand, ClosingLineUnsupportedWordsI2cIdAndRegif) {
   for (const char *iface : {"spi", "smi", "i2c", "spi", "uart"})   // uart: I2C, earlier pair
     steps.insert(steps.end(), {{std::string("set regif ") + iface, kSetOver + kOk}, {get, value}});
   expectSession(steps, {{"KIVTOOL_PCAP", dir + "/cap.pcap"}});
-  EXPECT_EQ(transports(capturedCommands(read_file(dir + "/cap.pcap"))), "ISMISI");
+  EXPECT_EQ(transports(command_headers(dir + "/cap.pcap")), "ISMISI");
 }
 
 }  // namespace

@@ -55,30 +55,36 @@ TEST(PhyCommand, BusyUnitsTimeOut) {
 // The register accesses each command makes, in order and in number, as the adapter sees
 // them; a marker read separates them from the start-up accesses.
 TEST(RegisterAccessOrder, EachCommandMakesExactlyItsAccesses) {
-  const std::string rd = "R18004C W18004C R18004C R18004C", wr = "R18004C W18004C R18004C";
+  // Start, wait until idle, start again, and for reads take the data.
+  const std::string rd = "R:PHY_ACCESS_CMD W:PHY_ACCESS_CMD R:PHY_ACCESS_CMD R:PHY_ACCESS_CMD";
+  const std::string wr = "R:PHY_ACCESS_CMD W:PHY_ACCESS_CMD R:PHY_ACCESS_CMD";
+  const std::string mdxPin = "R:MDX_PIN_CTL W:MDX_PIN_CTL";
+  const std::string mcLookup = "R:L2_MC_LOOKUP_CTRL W:L2_MC_LOOKUP_CTRL";
   const struct {
     std::string line, accesses;
   } cases[] = {
-      {"reg setbit 0x2F0000 1 1", "R2F0000 W2F0000"},
-      {"reg indirset 0x20 1", "WFFFF15 WFFFF11 RFFFF11"},
-      {"reg indirget 0x20", "WFFFF11 RFFFF11 RFFFF15"},
+      {"reg setbit 0x2F0000 1 1", "R:2F0000 W:2F0000"},
+      {"reg indirset 0x20 1", "W:INDIR_DATA W:INDIR_CTRL R:INDIR_CTRL"},
+      {"reg indirget 0x20", "W:INDIR_CTRL R:INDIR_CTRL R:INDIR_DATA"},
       {"smi extaccess get", ""},
-      {"smi channel get 3 0 2", "R180048 W180048 R180050 W180050 W18004C R18004C"},
-      {"mmd read 1 7 0x3c", "R18004C W180050 W18004C R18004C R18004C"},
-      {"mmd write 1 7 0x3c 5", "R18004C W180050 " + wr.substr(8)},
+      {"smi channel get 3 0 2",
+       "R:PHY_ACCESS_CFG W:PHY_ACCESS_CFG R:PHY_ACCESS_AUX W:PHY_ACCESS_AUX W:PHY_ACCESS_CMD R:PHY_ACCESS_CMD"},
+      {"mmd read 1 7 0x3c", "R:PHY_ACCESS_CMD W:PHY_ACCESS_AUX W:PHY_ACCESS_CMD R:PHY_ACCESS_CMD R:PHY_ACCESS_CMD"},
+      {"mmd write 1 7 0x3c 5", "R:PHY_ACCESS_CMD W:PHY_ACCESS_AUX W:PHY_ACCESS_CMD R:PHY_ACCESS_CMD"},
       {"phy read 1 2 3", rd},
       {"gphy readext 1 2", rd + " " + wr + " " + wr + " " + rd + " " + wr},
-      {"mdx init 6 16", "R450040 W450040"},
-      {"mdx get 5 4", "R640008 W640008 R450044 W450044 W450048 R450048 R640008 W640008"},
-      {"vlan mode multicast set 1 1 16", "R4B0000 W4B0000 R4B0000 W4B0000 R4B0000 W4B0000"},
+      {"mdx init 6 16", "R:MDX_CFG W:MDX_CFG"},
+      {"mdx get 5 4", mdxPin + " R:MDX_PHY_ID W:MDX_PHY_ID W:MDX_CMD R:MDX_CMD " + mdxPin},
+      {"vlan mode multicast set 1 1 16", mcLookup + " " + mcLookup + " " + mcLookup},
   };
   for (const auto &c : cases) {
     const std::string dir = make_temp_dir("order");
     runSession({"reg get 0xABCDEF", c.line}, {{"KIVTOOL_PCAP", dir + "/cap.pcap"}});
-    const std::string all = registerAccesses(read_file(dir + "/cap.pcap"));
-    const size_t marker = all.find("RABCDEF");
-    ASSERT_NE(marker, std::string::npos) << c.line;
-    EXPECT_EQ(all.substr(std::min(all.size(), marker + 8)), c.accesses) << c.line;
+    const std::string all = registerAccesses(dir + "/cap.pcap");
+    const std::string marker = "R:ABCDEF";
+    const size_t at = all.find(marker);
+    ASSERT_NE(at, std::string::npos) << c.line;
+    EXPECT_EQ(all.substr(std::min(all.size(), at + marker.size() + 1)), c.accesses) << c.line;
   }
 }
 

@@ -1,11 +1,15 @@
-// Reads back the tool's USB captures: pcap, link type 220, 64-byte usbmon headers.
+// Reads back the tool's USB captures (KIVTOOL_PCAP): pcap, link type 220, 64-byte usbmon
+// headers. Shared by every test folder.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "access/usbio_protocol.h"
 
 struct UsbHeader {  // as laid out in the file
   uint64_t id;
@@ -22,7 +26,8 @@ struct UsbRecord : UsbHeader {
   std::vector<uint8_t> data;
 };
 
-// False when the file is not a well-formed capture of link type 220.
+// False when the file is not a well-formed capture of link type 220 (the records read up to
+// the fault are kept).
 inline bool read_pcap(const std::string &path, std::vector<UsbRecord> &records) {
   records.clear();
   FILE *f = fopen(path.c_str(), "rb");
@@ -48,11 +53,23 @@ inline std::vector<std::vector<uint8_t>> out_payloads(const std::vector<UsbRecor
   return outs;
 }
 
+// Command headers the host sent (OUT payloads that start with the magic), in order.
+inline std::vector<std::vector<uint8_t>> command_headers(const std::vector<UsbRecord> &all) {
+  using usbio_proto::kHeader, usbio_proto::kMagic;
+  std::vector<std::vector<uint8_t>> cmds;
+  for (auto &p : out_payloads(all))
+    if (p.size() >= kHeader && std::equal(kMagic.begin(), kMagic.end(), p.begin())) cmds.push_back(std::move(p));
+  return cmds;
+}
+inline std::vector<std::vector<uint8_t>> command_headers(const std::string &path) {
+  std::vector<UsbRecord> all;
+  read_pcap(path, all);
+  return command_headers(all);
+}
+
 // Command code of every command header, in order.
 inline std::vector<uint8_t> command_codes(const std::vector<UsbRecord> &all) {
-  static const uint8_t kMagic[6] = {0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC};
   std::vector<uint8_t> codes;
-  for (const auto &p : out_payloads(all))
-    if (p.size() >= 24 && memcmp(p.data(), kMagic, 6) == 0) codes.push_back(p[8]);
+  for (const auto &h : command_headers(all)) codes.push_back(h[8]);
   return codes;
 }
