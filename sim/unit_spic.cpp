@@ -165,7 +165,9 @@ void push_data(uint32_t value, uint32_t width) {
   for (uint32_t i = 0; i < width && g.txLen < g.tx.size(); ++i) g.tx[g.txLen++] = (uint8_t)(value >> (8 * i));
 }
 
-bool program_opcode(uint8_t op) { return op == 0x02 || op == 0x32 || op == 0x38; }
+bool program_opcode(uint8_t op) {
+  return op == nor::kPageProgram || op == nor::kQuadPageProgram || op == nor::kQuadPageProgramMx;
+}
 
 // Width of a data-register write nobody announced (a tool reaching the board through real
 // USB has no listener for the notice). The tool sends the first byte of a transaction as a
