@@ -119,7 +119,7 @@ struct SavedArguments {
   const kiv_uint8 *base = nullptr;
 };
 
-// Per-line state: reset by beginLine() when kiv_cmdProcess takes a line, and nowhere else.
+// Per-line state: reset by beginLine() (when kiv_cmdProcess takes a line, and at kiv_init).
 struct Line {
   kiv_uint32 uid = 0;
   kiv_uint32 tokenCount = 0;
@@ -893,7 +893,7 @@ kiv_int32 kiv_init(kiv_uint32 maxUsers, kiv_uint32 tokenSize, kiv_uint32 maxToke
   g.tokenSize = tokenSize;
   g.maxTokens = maxTokens;
   g.initialised = true;
-  L = Line{};
+  beginLine(0, nullptr, 0);
   return 0;
 }
 
