@@ -130,6 +130,7 @@ struct Line {
   kiv_uint32 outSize = 0;
   kiv_uint32 outUsed = 0;
   SavedArguments saved;          // arguments of enclosing groups, for the running handler
+  bool failed = false;           // what kiv_lineFailed() reports
 };
 
 Line L;
@@ -205,7 +206,14 @@ const char *joinTokens() {
   return s;
 }
 
-void writeLine(const char *text) { puts(text); }
+// Lines that say the typed line was not understood.
+constexpr const char *kFailureLines[] = {"Unknown command", "ambiguous command"};
+
+void writeLine(const char *text) {
+  puts(text);
+  for (const char *f : kFailureLines)
+    if (std::strcmp(text, f) == 0) L.failed = true;
+}
 
 // Copies text into a token buffer (bounded by the token size).
 void setToken(char *tok, const char *text) {
@@ -517,7 +525,10 @@ Status runGrammarRow(const kiv_cmd_t *row, kiv_int32 argc, kiv_int32 &result, St
     }
     collectCandidates(p);
     st = Status::Incomplete;
-    if (resolveToken(p, false) != Resolution::Retry) break;
+    if (resolveToken(p, false) != Resolution::Retry) {
+      if (p.token != nullptr) L.failed = true;   // stopped at a token nothing accepts
+      break;
+    }
     ciscoCmdParserReset();
   }
   ciscoCmdParserReset();
@@ -851,6 +862,7 @@ bool reportResult(const User &u) {
     if (L.outUsed == 0 && !script) writeLine("Success!!");
     return true;
   }
+  L.failed = true;
   if (ISSET(u.state, kErrorFlag)) {
     if (script) printf("Script: %s ", joinTokens());
     if (L.errText[0])
@@ -939,13 +951,20 @@ void kiv_setCompletion(kiv_uint32 uid, int on) {
 
 const kiv_cmd_t *kiv_currentCmd(void) { return g.currentCmd; }
 
+bool kiv_lineFailed(void) { return L.failed; }
+
+void kiv_markLineFailed(void) { L.failed = true; }
+
 kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 outSize) {
   User *pu = userOf(uid);
   if (pu == nullptr || line == nullptr) return -1;
   User &u = *pu;
   beginLine(uid, outBuf, outSize);
 
-  if (!tokenise(line)) return -1;
+  if (!tokenise(line)) {
+    L.failed = true;
+    return -1;
+  }
   u.searchLevel = ISSET(u.outputMode, 4u) ? 0 : u.depth;
   ciscoCmdParserSetOutputMode(u.outputMode);
 

@@ -22,6 +22,12 @@ kiv_uint32 kiv_userInit(const char *name, kiv_uint32 outputMode, kiv_uint32 user
 // Process one line for a user (the terminator already removed by the caller).
 kiv_int32 kiv_cmdProcess(kiv_uint32 uid, char *line, char *outBuf, kiv_uint32 outSize);
 
+// Whether the last line given to kiv_cmdProcess failed: an unknown or ambiguous word, a
+// refused token, a command that ended with an error report, or a handler that marked its
+// line with kiv_markLineFailed (a failure it shows only through its messages).
+bool kiv_lineFailed(void);
+void kiv_markLineFailed(void);
+
 // Set or clear the user's completion flag (state flag bit 2) around a Tab request.
 void kiv_setCompletion(kiv_uint32 uid, int on);
 

@@ -669,8 +669,10 @@ kiv_int32 hx5200_cmd_spi(kiv_uint32 uid, kiv_int32 argc, void **argv) {
     spi_flash_controller_init();   // its result is not used: the subcommand reports
     Outcome o = run_subcommand(word, argv);
     if (o.now) return o.rc;
+    if (o.rc != 0) kiv_markLineFailed();   // reported by its messages only
   } else {
     std::fprintf(stderr, "spi: could not own the flash (code %d)\n", (int)acquired);
+    kiv_markLineFailed();
   }
   int32_t rc = spi_flash_release();
   puts("SPI Flash CMD Over");

@@ -60,12 +60,14 @@ kiv_int32 vlanGet(void **argv) {
   const uint32_t vid = cmd_nextNum(argv);
   Entry e;
   const kiv_int32 ret = getEntry(vid, e);
-  if (ret == 0)
+  if (ret == 0) {
     printEntry(vid, e.mbrmsk, e.untagmsk, e.fid, e.ulfid, e.vbfwd);
-  else if (ret == kCmdEntryNotFound)
+  } else if (ret == kCmdEntryNotFound) {
     puts("vlan entry not found !");
-  else
+  } else {
     puts("vlan table get failed !");
+    kiv_markLineFailed();   // the command itself still ends in success
+  }
   return 0;
 }
 
