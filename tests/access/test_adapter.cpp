@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -36,6 +37,20 @@ Bytes hdr(uint8_t len, uint8_t code, uint8_t sub, std::initializer_list<std::pai
 Bytes packet(Bytes data) {
   data.insert(data.end(), 4, 0xFF);
   return data;
+}
+
+// The capture through tshark with the project's Wireshark dissector: for each frame that
+// passes `filter`, the kivusb `fields` separated by ':', the frames separated by " | ".
+std::string dissect(const std::string &pcap, const std::string &filter, std::initializer_list<const char *> fields) {
+  std::string cmd = "tshark -X lua_script:" KIV_SOURCE_DIR "/tools/wireshark/kivusb.lua -r " + pcap + " -Y '" +
+                    filter + "' -T fields -E separator=:";
+  for (const char *f : fields) cmd += std::string(std::strchr(f, '.') ? " -e " : " -e kivusb.") + f;
+  const std::string text = pcap + ".fields";
+  EXPECT_EQ(system((cmd + " >" + text + " 2>" + text + ".err").c_str()), 0) << read_file(text + ".err");
+  std::string frames = read_file(text);
+  for (size_t nl; (nl = frames.find('\n')) != std::string::npos;)
+    frames.replace(nl, 1, nl + 1 < frames.size() ? " | " : "");
+  return frames;
 }
 
 std::string hex(const Bytes &b) {
@@ -158,6 +173,49 @@ TEST(Adapter, EveryCommandOnTheWire) {
   const std::string out = read_file(text);
   EXPECT_EQ(out.find(hex(want[0]) + "\n\n\naa\n\nca\n"), 0u) << out;
   EXPECT_NE(out.find(hex(want[3]) + "\n\n\naa\n" + hex(want[4]) + "\n\n\nba\n"), std::string::npos) << out;
+
+  // The project's dissector names the fields of headers, data packets and responses, and
+  // the status bytes; each row: display filter, fields, the frames' values.
+  const struct {
+    const char *filter;
+    std::initializer_list<const char *> fields;
+    const char *frames;
+  } views[] = {
+      {"kivusb.param_a", {"code", "param_a", "i2c_device"}, "0x11:2:0xa8 | 0x21:37: | 0x41:32:"},
+      {"kivusb.code in {0x13, 0x23, 0x24} && kivusb.addr",
+       {"code", "addr", "value"},
+       "0x13:0x00123456: | 0x13:0x00123456:0xa1b2c3d4 | 0x23:0x0012345a: | 0x23:0x0012345a:0x01020304 | "
+       "0x24:0x0012345a: | 0x24:0x0012345a:0x01020304"},
+      {"kivusb.code == 0x14 && !kivusb.status",
+       {"addr", "read_len", "value"},
+       "0x00123456:4: | 0x00123456:4:0xa1b2c3d4 | 0x00123456:12: | 0x00123456:12:0xa1b2c3d4,0x01020304,0x00000000"},
+      {"kivusb.phy", {"code", "phy", "reg", "value"}, "0x43:2:6: | 0x43:2:6:0x00008123 | 0x44:2:6: | 0x44:2:6:0x00008123"},
+      {"kivusb.code in {0x15, 0x25, 0x45} && !kivusb.status",
+       {"code", "flash_addr", "flash_flag", "flash_param", "data_len"},
+       "0x15:0x00123456:0x5a:15: | 0x15::::3 | 0x25:0x00203040:0x01:15: | 0x25::::3 | 0x45:0x00300000:0x02:15: | "
+       "0x45::::3"},
+      {"kivusb.status", {"status"},
+       "0xaa | 0xca | 0xaa | 0xca | 0xaa | 0xca | 0xaa | 0xba | 0xaa | 0xaa | 0xba | 0xaa | 0xaa | 0xba | 0xaa | "
+       "0xaa | 0xaa | 0xba | 0xaa | 0xba | 0xaa | 0xba"},
+  };
+  for (const auto &v : views) EXPECT_EQ(dissect(s.pcap, v.filter, v.fields), v.frames) << v.filter;
+}
+
+// The dissector names each status byte after the command it answers: a NAK, flash data
+// missing, an unknown byte.
+TEST(Adapter, DissectorNamesTheStatusBytes) {
+  Session s("nak@4,datamissing@6,badstatus@8");
+  const Bytes data(16, 0x5A);
+  uint32_t v = 0;
+  ASSERT_EQ(hx5200_usb_i2c_write(0x20, 7), 0);
+  ASSERT_EQ(hx5200_usb_spi_flash_write(0x1000, data.data(), 16, 0), 0);
+  ASSERT_EQ(hx5200_usb_i2c_read(0x20, &v), 0);
+  s.records();
+  EXPECT_EQ(dissect(s.pcap, "kivusb.status && !(kivusb.code in {0x11, 0x21, 0x41})", {"code", "status"}),
+            "0x13:0xab | 0x13:0xaa | 0x13:0xba | 0x25:0xaa | 0x25:0xac | 0x25:0xaa | 0x25:0xba | 0x14:0xee | 0x14:0xaa");
+  EXPECT_EQ(dissect(s.pcap, "kivusb.status in {0xab, 0xac, 0xee}", {"_ws.col.Info"}),
+            "Status 0xab NAK: command refused, sent again | Status 0xac flash data missing, sent again | "
+            "Status 0xee (unknown)");
 }
 
 // Each fault path: the result, the command headers that went out after the bring-up
