@@ -29,7 +29,9 @@ $(BUILD)/Makefile: CMakeLists.txt
 build: deps $(BUILD)/Makefile
 	cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only the tool itself: the tests, benchmarks and fuzz replays are built by `make build`.
+run: deps $(BUILD)/Makefile
+	cmake --build $(BUILD) -j $(JOBS) --target kivtool
 	KIVTOOL_SIM=$${KIVTOOL_SIM:-$(SIM_DIR)} $(BUILD)/kivtool
 
 test: build
