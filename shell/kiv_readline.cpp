@@ -399,8 +399,11 @@ int kiv_readLine(char *line, signed char lastTerminator) {
 
   printPrompt();
   if (lastTerminator == '\t' || lastTerminator == '?') {
-    // Continue after the text left by the help or completion request.
+    // Continue after the text left by the help or completion request. A Tab in it is the
+    // request's own (a completion that did not complete hands the line back as typed); it
+    // is dropped so that the line holds what the screen shows.
     ed.len = static_cast<int>(strnlen(line, kMaxChars));
+    ed.len = static_cast<int>(std::remove(line, line + ed.len, '\t') - line);
     line[ed.len] = '\0';
     redraw(0, 0);
   } else {
