@@ -48,6 +48,11 @@ uint8_t g_devnum = 0;  // bus address of the open adapter, for the capture
 int g_openCause = ENOENT;
 std::array<char, 64> g_openNode{};
 
+// Troubles met by the attempts of the register transfer under way, and those of the
+// transfers that failed (kept for usbio_trouble_take).
+unsigned g_attemptTrouble = 0;
+unsigned g_trouble = 0;
+
 // ---- time ------------------------------------------------------------------------------------
 timespec now(clockid_t clk) {
   timespec ts{};
@@ -63,15 +68,21 @@ long long elapsed_ns(const timespec &t0) {
 long long elapsed_us(const timespec &t0) { return elapsed_ns(t0) / 1000; }
 
 // ---- bulk transfers through the usb_ slot and the capture ------------------------------------
+// True for the results of a device that has left the bus (noted for the hint).
+bool device_gone(int r) {
+  const bool gone = r == -ENODEV || r == -ESHUTDOWN || r == -ENXIO;
+  if (gone) g_attemptTrouble |= USBIO_TROUBLE_GONE;
+  return gone;
+}
+
 int bulk_write(usb_dev_handle *h, const uint8_t *data, size_t size) {
   const timespec ts = now(CLOCK_REALTIME);
   const int r = usb_ops_get()->bulk_write(h, USBIO_EP_OUT, reinterpret_cast<char *>(const_cast<uint8_t *>(data)),
                                           static_cast<int>(size), USBIO_XFER_TIMEOUT_MS);
   access_local::usb_capture_xfer(USBIO_EP_OUT, g_devnum, data, static_cast<int>(size), r, ts, now(CLOCK_REALTIME));
+  device_gone(r);
   return r;
 }
-
-bool device_gone(int r) { return r == -ENODEV || r == -ESHUTDOWN || r == -ENXIO; }
 
 // One bulk read with the 20 ms time-out. A read that comes back empty-handed before its
 // time-out has run out (a device that answers errors at once) is paced to the time-out, so
@@ -93,10 +104,15 @@ int bulk_read(usb_dev_handle *h, uint8_t *buf, size_t size) {
   return r;
 }
 
-// One status byte, or -1 when none came.
+// One status byte, or -1 when none came. A refused I2C command means that nothing answered
+// at the configured device address (noted for the hint).
 int read_status(usb_dev_handle *h) {
   uint8_t b = 0;
-  return bulk_read(h, &b, 1) == 1 ? b : -1;
+  if (bulk_read(h, &b, 1) != 1) return -1;
+  const uint8_t code = g_cmd[8];
+  if (b == kNak && (code == kCodeI2cWrite || code == kCodeI2cRead || code == kCodeI2cFlash))
+    g_attemptTrouble |= USBIO_TROUBLE_I2C_NAK;
+  return b;
 }
 
 // ---- packet building --------------------------------------------------------------------------
@@ -177,6 +193,7 @@ int read_exchange(usb_dev_handle *h, size_t cmdLen, uint8_t code, uint8_t *buf, 
 // True when the adapter is open; otherwise the transfer named `op` reports it missing.
 bool adapter_open(const char *op, int line) {
   if (usbio_handle) return true;
+  g_trouble |= USBIO_TROUBLE_NO_ADAPTER;
   printf("%s_%d \033[1;31;40m kivshell: USBIO device Not Found. Only be available for offline test! \033[0m \n",
          op, line);
   return false;
@@ -192,13 +209,24 @@ void reconnect() {
 }
 
 // Runs `attempt` until it succeeds or the failures reach `limit`, reconnecting between tries.
+// When it gives up, what the attempts met is kept for the hint.
 template <typename Fn>
 int32_t with_retry(uint32_t limit, Fn attempt) {
+  g_attemptTrouble = 0;
   for (uint32_t fails = 0;; ++fails) {
     if (attempt() == 0) return 0;
-    if (fails >= limit) return -1;
+    if (fails >= limit) {
+      g_trouble |= g_attemptTrouble | (usbio_handle ? 0u : USBIO_TROUBLE_NO_ADAPTER);
+      return -1;
+    }
     reconnect();
   }
+}
+
+// The SPI transfers that report no missing adapter still leave the hint its cause.
+bool spi_adapter_open() {
+  if (!usbio_handle) g_trouble |= USBIO_TROUBLE_NO_ADAPTER;
+  return usbio_handle != nullptr;
 }
 
 void i2c_addr_block(uint32_t addr, uint8_t *a) {
@@ -266,6 +294,12 @@ usb_dev_handle *usbio_open(void) {
 }
 
 int usbio_open_cause(void) { return g_openCause; }
+
+unsigned usbio_trouble_take(void) {
+  const unsigned t = g_trouble;
+  g_trouble = 0;
+  return t;
+}
 
 const char *usbio_open_node(void) { return g_openNode.data(); }
 
@@ -469,7 +503,7 @@ int32_t hx5200_usb_i2c_flash_write(uint32_t flashAddr, const uint8_t *data, uint
 }
 
 int32_t hx5200_usb_spi_write(uint32_t addr, uint32_t value) {
-  if (!usbio_handle) return ACCESS_NO_ADAPTER;
+  if (!spi_adapter_open()) return ACCESS_NO_ADAPTER;
   uint8_t a[5];
   spi_addr_block(0x02, addr, a);
   const uint8_t d[4] = {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
@@ -493,7 +527,7 @@ int32_t hx5200_usb_spi_read(uint32_t addr, uint32_t *value) {
 }
 
 int32_t hx5200_usb_spi_flash_write(uint32_t flashAddr, const uint8_t *data, uint32_t len, uint8_t flag) {
-  if (!usbio_handle) return ACCESS_NO_ADAPTER;
+  if (!spi_adapter_open()) return ACCESS_NO_ADAPTER;
   return flash_write_with_retry(kCodeSpiFlash, spi_retry_limit, flashAddr, data, len, flag);
 }
 

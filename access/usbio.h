@@ -41,6 +41,12 @@ usb_dev_handle *usbio_open(void);
 // EBUSY, ENODEV, ...). usbio_open_node() names the adapter's device node ("" when none).
 int usbio_open_cause(void);
 const char *usbio_open_node(void);
+// What made register-level transfers fail since the last usbio_trouble_take(), for a hint to
+// the user: bits USBIO_TROUBLE_*. Taking it clears it.
+#define USBIO_TROUBLE_NO_ADAPTER 1u   // no adapter open (usbio_open_cause() says why)
+#define USBIO_TROUBLE_I2C_NAK 2u      // the adapter refused an I2C transfer (0xAB): no chip answered
+#define USBIO_TROUBLE_GONE 4u         // the adapter left the bus during a transfer
+unsigned usbio_trouble_take(void);
 int usbio_close(usb_dev_handle *h, int iface);
 void usbio_connect(void);
 void usbio_event(int code);

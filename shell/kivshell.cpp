@@ -29,6 +29,76 @@ char g_line[KIV_LINE_SIZE];
 // The configuration file stays open for the life of the process (see kiv_loadConfig).
 FILE *g_cfgFile = nullptr;
 
+// Options given before the command words.
+struct Options {
+  bool errexit = false;   // -e: a failed line sets the exit status (and ends a script)
+  int firstWord = 1;      // argv index of the first command word
+};
+
+constexpr int kStatusFailed = 1;
+constexpr int kStatusUsage = 2;
+
+constexpr char kUsage[] =
+    "Usage: kivtool [options] [command words]\n"
+    "\n"
+    "  kivtool                     the prompt on a terminal; a script from a file or pipe:\n"
+    "                              kivtool < script.txt > log.txt\n"
+    "  kivtool reg get 0x103ff0    runs one command line and exits\n"
+    "\n"
+    "Options (before the command words):\n"
+    "  -e, --errexit   fail on a failed line: a command line given as arguments exits\n"
+    "                  with status 1; a script stops at that line with status 1 and names\n"
+    "                  it on standard error\n"
+    "  -h, --help      this text\n"
+    "      --version   program, build and SDK version\n"
+    "  --              end of the options\n"
+    "\n"
+    "A line fails when it prints \"Errno : <code>\", \"Unknown command\" or \"ambiguous command\",\n"
+    "when the command refuses one of its words (\"Error on <n>th token\" or a list of several\n"
+    "candidates), or when the command reports a failure in its own messages (flash mismatch,\n"
+    "flash read, erase or program failed, a file that cannot be read, vlan table get failed).\n"
+    "\n"
+    "Environment (read at start-up):\n"
+    "  KIVTOOL_SIM=<dir>          the simulated board kept in <dir> instead of the USB adapter\n"
+    "  KIVTOOL_SIM_FAULTS=kind@n[,kind@n...]\n"
+    "                             simulated adapter faults at the n-th command header: nak,\n"
+    "                             badstatus, nocomplete, wrongcode, unplug, datamissing\n"
+    "  KIVTOOL_PCAP=<file>        every USB bulk transfer to a pcap file (Wireshark, tshark)\n"
+    "  KIVTOOL_TRACE=1            print every register access of the reg commands\n"
+    "\n"
+    "Exit status: 0; without -e also when a command failed (look for Success!! or Errno :).\n"
+    "With -e 1 for a failed line. 1 for a command line of more than 1023 characters,\n"
+    "2 for an unknown option.\n"
+    "\n"
+    "Documentation: README.md (use, keys, scripting, capture), docs/board.md (the simulated\n"
+    "board), tools/wireshark/kivusb.lua (Wireshark dissector of the adapter protocol).\n";
+
+// Reads the options; returns -1 to go on, or the exit status when the run ends here.
+int parseOptions(int argc, char **argv, Options &opt) {
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    const std::string_view a = argv[i];
+    if (a == "--") {
+      ++i;
+      break;
+    }
+    if (a == "-e" || a == "--errexit") {
+      opt.errexit = true;
+    } else if (a == "-h" || a == "--help") {
+      fputs(kUsage, stdout);
+      return 0;
+    } else if (a == "--version") {
+      printf("kivtool (Quorvex KIV Tool) build %s, SDK version %08x\n", KIV_BUILD_STRING, KIV_SDK_VERSION);
+      return 0;
+    } else {
+      fprintf(stderr, "kivshell: unknown option '%s' (kivtool --help lists them)\n", argv[i]);
+      return kStatusUsage;
+    }
+  }
+  opt.firstWord = i;
+  return -1;
+}
+
 // Port-I/O library load step of the parallel-port link. Nothing is loaded on this
 // platform; it reports success.
 int loadPortIoLibrary() { return 1; }
@@ -97,6 +167,7 @@ int readPlainLine(char *line) {
     any = true;
     if (c == '\n') break;
     if (c == '\0') continue;
+    if (c == '\t') c = ' ';   // never a completion request: there is no editor to complete into
     if (len < kMaxChars) line[len++] = static_cast<char>(c);
   }
   if (!any) return -1;
@@ -111,11 +182,11 @@ int readNextLine(char *line, signed char lastTerminator, bool terminal) {
   return readPlainLine(line);
 }
 
-// One command line given as program arguments.
-int runOneShot(int argc, char **argv) {
+// One command line given as program arguments, from argv[first] on.
+int runOneShot(int argc, char **argv, int first, bool errexit) {
   size_t used = 0;
   g_line[0] = '\0';
-  for (int i = 1; i < argc; ++i) {
+  for (int i = first; i < argc; ++i) {
     size_t n = strlen(argv[i]);
     if (used + n + 1 >= sizeof g_line) {
       puts("kivshell: command line too long");
@@ -126,14 +197,19 @@ int runOneShot(int argc, char **argv) {
     g_line[used++] = ' ';
     g_line[used] = '\0';
   }
-  if (g_line[0] != '\n' && g_line[0] != '\r')
+  if (g_line[0] != '\n' && g_line[0] != '\r') {
     kiv_processLine(g_line, static_cast<int>(strlen(g_line)));
+    kiv_hintAfterLine();
+    if (errexit && kiv_lineFailed()) return kStatusFailed;
+  }
   return 0;
 }
 
-void runInteractive() {
+// The interactive loop; returns the exit status (with -e, 1 when a script line failed).
+int runInteractive(bool errexit) {
   const bool terminal = isatty(0) != 0;
   signed char lastTerminator = 0;
+  long lineNo = 0;
 
   g_line[0] = '\n';
   g_line[1] = '\0';
@@ -145,6 +221,7 @@ void runInteractive() {
     // A pre-loaded line only makes sense to the editor; plain input starts empty.
     if (!terminal) g_line[0] = '\0';
     if (readNextLine(g_line, lastTerminator, terminal) <= 0) break;
+    ++lineNo;
     if (strcmp(g_line, "exit\n") == 0) break;
     if (g_line[0] == '\n') {
       lastTerminator = 0;
@@ -152,11 +229,18 @@ void runInteractive() {
     }
     int len = static_cast<int>(strlen(g_line));
     kiv_processLine(g_line, len);
+    kiv_hintAfterLine();
+    if (errexit && !terminal && kiv_lineFailed()) {
+      fflush(stdout);
+      fprintf(stderr, "kivshell: line %ld failed: %s\n", lineNo, g_line);
+      return kStatusFailed;
+    }
     lastTerminator = len >= 2 ? static_cast<signed char>(g_line[len - 2]) : 0;
     kiv_buildPrompt(kiv_prompt, KIV_PROMPT_SIZE, g_line, lastTerminator);
     kiv_promptLen = static_cast<int>(strlen(kiv_prompt));
     if (g_line[0] == '\0' && lastTerminator != '\t') lastTerminator = 0;
   }
+  return 0;
 }
 
 }  // namespace
@@ -263,6 +347,13 @@ int kiv_buildPrompt(char *prompt, int /*size*/, char *line, signed char lastTerm
 }
 
 int kivshell_main(int argc, char **argv) {
+  // In a log or a pipe each line goes out as it is complete, so it keeps its place among
+  // the lines written to standard error.
+  if (!isatty(1)) setvbuf(stdout, nullptr, _IOLBF, 0);
+  Options opt;
+  if (const int status = parseOptions(argc, argv, opt); status >= 0) return status;
+  const bool oneShot = opt.firstWord < argc;
+
   int devNull = open("/dev/null", O_RDWR | O_CREAT, 0666);
   if (devNull < 0) {
     puts("kivshell: cannot open /dev/null");
@@ -275,7 +366,7 @@ int kivshell_main(int argc, char **argv) {
     return 1;
   }
 
-  if (argc <= 1) printf("#\r\n# Quorvex KIV Tool build %s\r\n#\r\n", KIV_BUILD_STRING);
+  if (!oneShot) printf("#\r\n# Quorvex KIV Tool build %s\r\n#\r\n", KIV_BUILD_STRING);
   printf("# SDK version %08x\r\n#\r\n", KIV_SDK_VERSION);
 
   if (kiv_init(1, 256, 256) != 0) puts("hxkiv: kiv module initial fail !");
@@ -295,11 +386,13 @@ int kivshell_main(int argc, char **argv) {
 
   bringUpInterface();
   if (chip_probe() != 0) puts("This KIV build is not match with current chip version");
+  kiv_hintAfterLine();
 
-  if (argc > 1) return runOneShot(argc, argv);
+  if (oneShot) return runOneShot(argc, argv, opt.firstWord, opt.errexit);
 
-  runInteractive();
+  if (isatty(0)) kiv_hintBoard(getenv("KIVTOOL_SIM"));
+  const int status = runInteractive(opt.errexit);
   usbio_close(usbio_handle, 0);
   close(devNull);
-  return 0;
+  return status;
 }

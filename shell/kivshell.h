@@ -19,3 +19,8 @@ extern int kiv_promptLen;
 
 // Console line editor: returns the characters in line (newline included) or -1.
 int kiv_readLine(char *line, signed char lastTerminator);
+
+// Hints on standard error when it is a terminal: the simulated board's directory at
+// start-up, and after start-up and each line the cause of a failed adapter transfer.
+void kiv_hintBoard(const char *dir);
+void kiv_hintAfterLine(void);

@@ -80,6 +80,7 @@ class Term {
     });
     return seen;
   }
+  std::string screen() const { return tmux("capture-pane -p -t t"); }   // the visible rows
   std::pair<int, int> cursor() const {   // (x, y)
     int x = -1, y = -1;
     std::sscanf(tmux("display-message -p -t t '#{cursor_x} #{cursor_y}'").c_str(), "%d %d", &x, &y);

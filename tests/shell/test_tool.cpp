@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "run_tool.h"
@@ -62,14 +63,98 @@ TEST(Tool, PipedLinesOnlyTheBareExitEndsTheLoop) {
   EXPECT_EQ(odd.find("<HX5200"), std::string::npos);
 }
 
-// On a terminal: help and completion pre-load the next line, Ctrl-C is ignored while
-// typing, and the terminal's settings are the same after the run.
+// Options before the command words, and the exit status: failures count only with -e, in
+// a one-shot line and in a script (which then stops at the failing line and names it).
+TEST(Tool, OptionsAndExitStatus) {
+  const std::string cwd = make_temp_dir();
+  write_file(cwd + "/other.bin", std::string(300, 'x'));   // not what the fresh flash holds
+  const std::string listing = run({"ls"});
+  const struct {
+    std::vector<std::string> args;
+    std::string input;
+    int status;
+    std::string err;
+  } cases[] = {
+      {{"-e", "reg", "get", "0x4a000000"}, "", 0, ""},
+      {{"-e", "reg"}, "", 0, ""},        // "Incomplete command" is followed by Success!!
+      {{"-e", "reg", "?"}, "", 0, ""},   // help
+      {{"-e", "foo"}, "", 1, ""},
+      {{"--errexit", "re"}, "", 1, ""},   // ambiguous command
+      {{"-e", "reg", "get", "zz"}, "", 1, ""},
+      {{"-e", "reg", "g", "0x1"}, "", 1, ""},   // a token several words begin with
+      {{"-e", "reg", std::string(256, 'a')}, "", 1, ""},   // a token too long, refused silently
+      {{"-e", "nic", "all"}, "", 1, ""},                   // Errno
+      {{"-e", "spi", "verify", "other.bin"}, "", 1, ""},   // mismatch: only in the messages
+      {{"-e", "spi", "verify", "none.bin"}, "", 1, ""},    // a file that cannot be read
+      {{"-e", "--", "ls"}, "", 0, ""},
+      {{"foo"}, "", 0, ""},
+      {{"spi", "verify", "other.bin"}, "", 0, ""},
+      {{"-e"}, "ls\nreg ?\nreg\n", 0, ""},
+      {{"-e"}, "ls\n\nfoo\nls\n", 1, "kivshell: line 3 failed: foo\n"},
+      {{"-e"}, "ls\r\nspi verify other.bin\r\nls\r\n", 1, "kivshell: line 2 failed: spi verify other.bin\n"},
+      {{}, "ls\n\nfoo\nls\n", 0, ""},
+      {{"-x", "ls"}, "", 2, "kivshell: unknown option '-x' (kivtool --help lists them)\n"},
+      {{"--errexit=1"}, "", 2, "kivshell: unknown option '--errexit=1' (kivtool --help lists them)\n"},
+  };
+  for (const auto &c : cases) {
+    ToolRun r;
+    r.args = c.args;
+    r.input = c.input;
+    r.cwd = cwd;
+    const ToolResult res = run_tool(r);
+    const std::string what = c.args.empty() ? c.input : c.args.back().substr(0, 20);
+    EXPECT_EQ(res.status, c.status) << what << res.out;
+    EXPECT_EQ(res.err, c.err) << what;
+    if (c.status == 2) {
+      EXPECT_EQ(res.out, "") << what;
+    } else if (c.status == 1 && !c.input.empty()) {   // the script stopped: no second listing
+      EXPECT_EQ(res.out.find(listing), res.out.rfind(listing)) << what;
+    }
+  }
+  // Help and version: on standard output, without the start-up.
+  ToolRun r;
+  r.args = {"--help"};
+  ToolResult res = run_tool(r);
+  EXPECT_EQ(res.status, 0);
+  EXPECT_TRUE(res.out.starts_with("Usage: kivtool [options] [command words]\n")) << res.out;
+  for (const char *word : {"--errexit", "KIVTOOL_SIM=", "KIVTOOL_SIM_FAULTS=", "KIVTOOL_PCAP=", "KIVTOOL_TRACE=",
+                           "Exit status", "README.md"})
+    EXPECT_NE(res.out.find(word), std::string::npos) << word;
+  r.args = {"-h"};
+  EXPECT_EQ(run_tool(r).out, res.out);
+  r.args = {"--version", "ls"};
+  res = run_tool(r);
+  EXPECT_EQ(res.out, "kivtool (Quorvex KIV Tool) build 20210719, SDK version 040a0000\n");
+  EXPECT_EQ(res.status, 0);
+}
+
+// A script is never a completion request: a Tab is a blank.
+TEST(Tool, PipedTabIsABlank) {
+  EXPECT_EQ(run({}, "reg set 0x4a180048 0x99\t\nreg\tget\t0x4a180048\t\n"),
+            "[0x4A180048]=0x0099\nSuccess!!\n[0x4A180048]=0x0099\nSuccess!!\n");
+}
+
+// Through one pipe, standard output and standard error keep their order.
+TEST(Tool, OutputOrderThroughAPipe) {
+  const std::string dir = make_temp_dir();
+  const std::string cmd = "cd " + dir + " && KIVTOOL_SIM=sim KIVTOOL_SIM_FLASH_OWNED=1 " KIVTOOL_PATH
+                          " spi rdid 2>&1 | cat > out";
+  ASSERT_EQ(system(cmd.c_str()), 0);
+  EXPECT_EQ(read_file(dir + "/out"),
+            std::string(kSdkLine) + "spi: could not own the flash (code -11)\nSPI Flash CMD Over\nSuccess!!\n");
+}
+
+// On a terminal: the board in use is named, help and completion pre-load the next line
+// (without the Tab of a completion that did not complete), Ctrl-C is ignored while typing,
+// and the terminal's settings are the same after the run.
 TEST(Tool, TerminalSession) {
   Term t("stty -g > before; KIVTOOL_SIM=sim " + quoted(KIVTOOL_PATH) + "; s=$?; stty -g > after; (exit $s)");
   const std::string P = "<HX5200/> ";
   std::string startOnTty;   // the terminal shows each "\n" as "\r\n"
   for (char c : kStart) startOnTty += c == '\n' ? std::string("\r\n") : std::string(1, c);
-  ASSERT_EQ(t.waitFor(startOnTty + P), 0u) << t.output();
+  const std::string board = "kivshell: simulated board in " + std::filesystem::canonical(t.dir).string() +
+                            "/sim (remove the directory to power-cycle it)\r\n";
+  ASSERT_EQ(t.waitFor(startOnTty + board + P), 0u) << t.output();
 
   t.keys("reg ?");   // '?' not echoed; listing; then "reg " is typed again for us
   size_t at = t.waitFor(P + "\r" + P + "reg \x1b[J");
@@ -85,6 +170,13 @@ TEST(Tool, TerminalSession) {
   EXPECT_EQ(t.output().substr(at), P + "vl");
   t.keys("\t");   // completion: the completed word comes back pre-loaded
   ASSERT_NE(t.waitFor("\r" + P + "vlan", at), std::string::npos) << t.output();
+  // A word nothing completes comes back as typed, and typing goes on where it stands.
+  t.keys(std::string(4, 0x7f) + "reg gex\t");
+  ASSERT_NE(at = t.waitFor("\r" + P + "reg gex", at), std::string::npos) << t.output();
+  t.keys("\x7ft 0x4a000000\r");
+  ASSERT_NE(t.waitFor("Success!!\r\n" + P, at), std::string::npos) << t.output();
+  const std::string screen = t.screen();
+  EXPECT_NE(screen.find(P + "reg get 0x4a000000\n[0x4A000000]=0x0000\nSuccess!!\n"), std::string::npos) << screen;
   t.keys(std::string(8, 0x7f) + "\x03" + "exit\r");
   EXPECT_EQ(t.wait(), 0) << t.output();
   EXPECT_FALSE(read_file(t.dir + "/before").empty());
