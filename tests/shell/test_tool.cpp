@@ -144,6 +144,51 @@ TEST(Tool, OutputOrderThroughAPipe) {
             std::string(kSdkLine) + "spi: could not own the flash (code -11)\nSPI Flash CMD Over\nSuccess!!\n");
 }
 
+// A failure whose cause the tool knows gets one hint on standard error, after the
+// command's own output, when standard error is a terminal; the same cause is not named
+// again on the next line. Through a pipe nothing is added.
+TEST(Tool, HintsOnATerminalOnly) {
+  const struct {
+    std::vector<std::pair<std::string, std::string>> env;
+    const char *cfg, *hint;
+  } cases[] = {
+      {{{"KIVTOOL_SIM", "sim1"}, {"KIVTOOL_SIM_FAULTS", "unplug@4"}}, "", "the USB I/O adapter left the bus (unplugged?)"},
+      {{{"KIVTOOL_SIM", "sim2"}}, "i2caddrid 5", "nothing answers at I2C device address 0xaa (i2caddrid 5)"},
+      {{}, "", "no USB I/O adapter (0c55:5731) found"},
+  };
+  std::string script;
+  for (const auto &c : cases) {
+    ToolRun r;
+    r.cwd = make_temp_dir();
+    write_file(r.cwd + "/kivcfg.txt", std::string(c.cfg) + "\n");
+    r.env = c.env;
+    r.sim = !c.env.empty();
+    r.args = {"reg", "get", "0x4a000000"};
+    const ToolResult res = run_tool(r);
+    EXPECT_EQ(res.err, "") << c.hint;
+    EXPECT_NE(res.out.find("Errno : "), std::string::npos) << c.hint << res.out;
+    script += std::string(script.empty() ? "" : "; ") + "echo '" + c.cfg + "' > kivcfg.txt; ";
+    for (const auto &[k, v] : c.env) script += k + "=" + v + " ";
+    script += quoted(KIVTOOL_PATH) + " reg get 0x4a000000; echo END";
+  }
+  Term t(script);
+  ASSERT_NE(t.waitFor("END\r\n", t.waitFor("END\r\n", t.waitFor("END\r\n") + 1) + 1), std::string::npos)
+      << t.output();
+  const std::string out = t.output();
+  size_t from = 0;
+  for (const auto &c : cases) {
+    // The chip check at start-up fails first, then the command: the hint comes once, after
+    // the mismatch line.
+    const size_t end = out.find("END\r\n", from);
+    const std::string run = out.substr(from, end - from);
+    const size_t mismatch = run.find("This KIV build is not match with current chip version\r\n");
+    const size_t hint = run.find(std::string("kivshell: hint: ") + c.hint);
+    EXPECT_TRUE(mismatch < hint && hint < run.find("Errno : ")) << run;
+    EXPECT_EQ(run.find("kivshell: hint:"), run.rfind("kivshell: hint:")) << run;
+    from = end + 1;
+  }
+}
+
 // On a terminal: the board in use is named, help and completion pre-load the next line
 // (without the Tab of a completion that did not complete), Ctrl-C is ignored while typing,
 // and the terminal's settings are the same after the run.
