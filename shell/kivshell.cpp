@@ -66,9 +66,9 @@ constexpr char kUsage[] =
     "  KIVTOOL_PCAP=<file>        every USB bulk transfer to a pcap file (Wireshark, tshark)\n"
     "  KIVTOOL_TRACE=1            print every register access of the reg commands\n"
     "\n"
-    "Exit status: 0; without -e also when a command failed (look for Success!! or Errno :).\n"
-    "With -e 1 for a failed line. 1 for a command line of more than 1023 characters,\n"
-    "2 for an unknown option.\n"
+    "Exit status: 0, also when a command failed (look for Success!! or Errno :); with -e,\n"
+    "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"
+    "unknown option.\n"
     "\n"
     "Documentation: README.md (use, keys, scripting, capture), docs/board.md (the simulated\n"
     "board), tools/wireshark/kivusb.lua (Wireshark dissector of the adapter protocol).\n";
