@@ -91,7 +91,7 @@ int parseOptions(int argc, char **argv, Options &opt) {
       printf("kivtool (Quorvex KIV Tool) build %s, SDK version %08x\n", KIV_BUILD_STRING, KIV_SDK_VERSION);
       return 0;
     } else {
-      fprintf(stderr, "kivshell: unknown option '%s' (kivtool --help lists them)\n", argv[i]);
+      fprintf(stderr, "kivtool: unknown option '%s' (kivtool --help lists them)\n", argv[i]);
       return kStatusUsage;
     }
   }
@@ -232,7 +232,7 @@ int runInteractive(bool errexit) {
     kiv_hintAfterLine();
     if (errexit && !terminal && kiv_lineFailed()) {
       fflush(stdout);
-      fprintf(stderr, "kivshell: line %ld failed: %s\n", lineNo, g_line);
+      fprintf(stderr, "kivtool: line %ld failed: %s\n", lineNo, g_line);
       return kStatusFailed;
     }
     lastTerminator = len >= 2 ? static_cast<signed char>(g_line[len - 2]) : 0;

@@ -23,7 +23,7 @@ bool forPerson() { return isatty(2) != 0; }
 
 void hintLine(const char *text) {
   fflush(stdout);   // after the command's own output
-  fprintf(stderr, "kivshell: hint: %s\n", text);
+  fprintf(stderr, "kivtool: hint: %s\n", text);
 }
 
 }  // namespace
@@ -33,7 +33,7 @@ void kiv_hintBoard(const char *dir) {
   char full[PATH_MAX];
   const char *shown = realpath(dir, full) ? full : dir;
   fflush(stdout);
-  fprintf(stderr, "kivshell: simulated board in %s (remove the directory to power-cycle it)\n", shown);
+  fprintf(stderr, "kivtool: simulated board in %s (remove the directory to power-cycle it)\n", shown);
 }
 
 void kiv_hintAfterLine(void) {
@@ -54,21 +54,25 @@ void kiv_hintAfterLine(void) {
     return;
   }
   g_lastShown = kind;
-  char text[200];
+  char text[240];
   switch (kind) {
     case USBIO_TROUBLE_GONE:
-      hintLine("the USB I/O adapter left the bus (unplugged?): plug it back in and start the tool again");
+      snprintf(text, sizeof text,
+               "the USB I/O adapter left the bus (unplugged?): plug it back in, then reconnect (set i2cid %u)",
+               static_cast<unsigned>(i2caddrid));
       break;
     case USBIO_TROUBLE_NO_ADAPTER:
-      hintLine("no USB I/O adapter (0c55:5731) found: plug it in and start the tool again, "
-               "or set KIVTOOL_SIM=<dir> to use the simulated board");
+      snprintf(text, sizeof text,
+               "no USB I/O adapter (0c55:5731) found: plug it in, then reconnect (set i2cid %u); "
+               "KIVTOOL_SIM=<dir> uses the simulated board",
+               static_cast<unsigned>(i2caddrid));
       break;
     default:
       snprintf(text, sizeof text,
                "nothing answers at I2C device address 0x%02x (i2caddrid %u): check the board's power and "
                "cable, and i2caddrid in kivcfg.txt or `set i2cid` (the default 4 is 0xa8)",
                static_cast<unsigned>((0xA0 | (i2caddrid << 1)) & 0xFF), static_cast<unsigned>(i2caddrid));
-      hintLine(text);
       break;
   }
+  hintLine(text);
 }

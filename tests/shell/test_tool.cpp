@@ -90,11 +90,11 @@ TEST(Tool, OptionsAndExitStatus) {
       {{"foo"}, "", 0, ""},
       {{"spi", "verify", "other.bin"}, "", 0, ""},
       {{"-e"}, "ls\nreg ?\nreg\n", 0, ""},
-      {{"-e"}, "ls\n\nfoo\nls\n", 1, "kivshell: line 3 failed: foo\n"},
-      {{"-e"}, "ls\r\nspi verify other.bin\r\nls\r\n", 1, "kivshell: line 2 failed: spi verify other.bin\n"},
+      {{"-e"}, "ls\n\nfoo\nls\n", 1, "kivtool: line 3 failed: foo\n"},
+      {{"-e"}, "ls\r\nspi verify other.bin\r\nls\r\n", 1, "kivtool: line 2 failed: spi verify other.bin\n"},
       {{}, "ls\n\nfoo\nls\n", 0, ""},
-      {{"-x", "ls"}, "", 2, "kivshell: unknown option '-x' (kivtool --help lists them)\n"},
-      {{"--errexit=1"}, "", 2, "kivshell: unknown option '--errexit=1' (kivtool --help lists them)\n"},
+      {{"-x", "ls"}, "", 2, "kivtool: unknown option '-x' (kivtool --help lists them)\n"},
+      {{"--errexit=1"}, "", 2, "kivtool: unknown option '--errexit=1' (kivtool --help lists them)\n"},
   };
   for (const auto &c : cases) {
     ToolRun r;
@@ -182,9 +182,9 @@ TEST(Tool, HintsOnATerminalOnly) {
     const size_t end = out.find("END\r\n", from);
     const std::string run = out.substr(from, end - from);
     const size_t mismatch = run.find("This KIV build is not match with current chip version\r\n");
-    const size_t hint = run.find(std::string("kivshell: hint: ") + c.hint);
+    const size_t hint = run.find(std::string("kivtool: hint: ") + c.hint);
     EXPECT_TRUE(mismatch < hint && hint < run.find("Errno : ")) << run;
-    EXPECT_EQ(run.find("kivshell: hint:"), run.rfind("kivshell: hint:")) << run;
+    EXPECT_EQ(run.find("kivtool: hint:"), run.rfind("kivtool: hint:")) << run;
     from = end + 1;
   }
 }
@@ -197,7 +197,7 @@ TEST(Tool, TerminalSession) {
   const std::string P = "<HX5200/> ";
   std::string startOnTty;   // the terminal shows each "\n" as "\r\n"
   for (char c : kStart) startOnTty += c == '\n' ? std::string("\r\n") : std::string(1, c);
-  const std::string board = "kivshell: simulated board in " + std::filesystem::canonical(t.dir).string() +
+  const std::string board = "kivtool: simulated board in " + std::filesystem::canonical(t.dir).string() +
                             "/sim (remove the directory to power-cycle it)\r\n";
   ASSERT_EQ(t.waitFor(startOnTty + board + P), 0u) << t.output();
 
