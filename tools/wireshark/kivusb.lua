@@ -336,4 +336,5 @@ end
 local bulk = DissectorTable.get("usb.bulk")
 bulk:add(0xff, kivusb)
 bulk:add(0xffff, kivusb)
-DissectorTable.get("usb.product"):add(0x0c555731, kivusb)
+-- Older Wireshark versions have no table by product.
+pcall(function() DissectorTable.get("usb.product"):add(0x0c555731, kivusb) end)
