@@ -206,8 +206,8 @@ const char *joinTokens() {
   return s;
 }
 
-// Lines that say the typed line was not understood.
-constexpr const char *kFailureLines[] = {"Unknown command", "ambiguous command"};
+// Lines that say the typed line was not understood or ran nothing (a parameter missing).
+constexpr const char *kFailureLines[] = {"Unknown command", "ambiguous command", "Incomplete command"};
 
 void writeLine(const char *text) {
   puts(text);

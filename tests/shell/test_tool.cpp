@@ -76,7 +76,7 @@ TEST(Tool, OptionsAndExitStatus) {
     std::string err;
   } cases[] = {
       {{"-e", "reg", "get", "0x4a000000"}, "", 0, ""},
-      {{"-e", "reg"}, "", 0, ""},        // "Incomplete command" is followed by Success!!
+      {{"-e", "reg", "set", "0x4a000000"}, "", 1, ""},   // "Incomplete command": nothing ran
       {{"-e", "reg", "?"}, "", 0, ""},   // help
       {{"-e", "foo"}, "", 1, ""},
       {{"--errexit", "re"}, "", 1, ""},   // ambiguous command
@@ -89,7 +89,7 @@ TEST(Tool, OptionsAndExitStatus) {
       {{"-e", "--", "ls"}, "", 0, ""},
       {{"foo"}, "", 0, ""},
       {{"spi", "verify", "other.bin"}, "", 0, ""},
-      {{"-e"}, "ls\nreg ?\nreg\n", 0, ""},
+      {{"-e"}, "ls\nreg ?\nreg get ?\n", 0, ""},
       {{"-e"}, "ls\n\nfoo\nls\n", 1, "kivtool: line 3 failed: foo\n"},
       {{"-e"}, "ls\r\nspi verify other.bin\r\nls\r\n", 1, "kivtool: line 2 failed: spi verify other.bin\n"},
       {{}, "ls\n\nfoo\nls\n", 0, ""},
