@@ -82,10 +82,11 @@ ToolResult run_tool(const ToolRun &run) {
     }
     if (run.sim && !hasSim) setenv("KIVTOOL_SIM", (cwd + "/sim").c_str(), 1);
     std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(KIVTOOL_PATH));
+    const char *program = run.program.empty() ? KIVTOOL_PATH : run.program.c_str();
+    argv.push_back(const_cast<char *>(program));
     for (auto &a : run.args) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
-    execv(KIVTOOL_PATH, argv.data());
+    execv(program, argv.data());
     _exit(127);
   }
   close(inPipe[0]);

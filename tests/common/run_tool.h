@@ -22,6 +22,7 @@ struct ToolRun {
   int timeoutMs = 20000;
   bool sim = true;                                        // set KIVTOOL_SIM=<cwd>/sim unless env has it
   int uid = -1;                                           // run as this user (needs root), -1: as we are
+  std::string program;                                    // another copy of the tool (default: the build's)
   // When set, `input` goes in one line at a time: line i (from 1) is written once standard
   // output holds i closing lines ("Success!!" or "Errno :"), right after beforeLine(i) ran.
   std::function<void(size_t)> beforeLine;

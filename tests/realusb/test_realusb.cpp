@@ -286,12 +286,20 @@ void check_unusable(UsbfsBed::Claim claim, const std::string &cause, int uid = -
   Script again = s;
   again.cwd.clear();   // its own directory: another user writes its capture there
   prepare(again);
-  if (uid >= 0) chmod(again.cwd.c_str(), 0777);
+  std::string program;
+  if (uid >= 0) {
+    // The other user may not reach the build tree (a checkout under /root): it runs a copy.
+    chmod(again.cwd.c_str(), 0777);
+    program = again.cwd + "/kivtool";
+    write_file(program, read_file(KIVTOOL_PATH));
+    chmod(program.c_str(), 0755);
+  }
   const Seen seen = on_usbfs(again, [&](UsbfsBed &bed, ToolRun &r) {
     plug_decoy_then_adapter(bed);
     bed.set_claim(claim);
     node = bed.adapter_node();
     r.uid = uid;
+    r.program = program;
     r.beforeLine = [&bed](size_t line) {
       if (line == 1) bed.set_claim(UsbfsBed::Claim::ok);
     };
