@@ -13,26 +13,15 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "board.h"
 #include "capture_reader.h"
 #include "run_tool.h"
-#include "sim/sim.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 const std::string kNotFound =
     " \033[1;31;40m kivshell: USBIO device Not Found. Only be available for offline test! \033[0m \n";
-
-// A command header of `len` bytes (24 + address block) with some fields set.
-Bytes hdr(uint8_t len, uint8_t code, uint8_t sub, std::initializer_list<std::pair<int, uint8_t>> fields = {},
-          const Bytes &block = {}) {
-  Bytes h{0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC, len, 0, code, sub};
-  h.resize(24, 0);
-  h[23] = uint8_t(len - 24);
-  for (auto [i, v] : fields) h[size_t(i)] = v;
-  h.insert(h.end(), block.begin(), block.end());
-  return h;
-}
 
 Bytes packet(Bytes data) {
   data.insert(data.end(), 4, 0xFF);
@@ -53,13 +42,6 @@ std::string dissect(const std::string &pcap, const std::string &filter, std::ini
   return frames;
 }
 
-std::string hex(const Bytes &b) {
-  std::string s;
-  char t[3];
-  for (uint8_t c : b) s += (snprintf(t, sizeof t, "%02x", c), t);
-  return s;
-}
-
 // A fresh board with the given faults, captured from the first transfer, I2C selected and
 // the adapter connected (three command headers).
 struct Session {
@@ -68,21 +50,16 @@ struct Session {
   explicit Session(const char *faults = nullptr) {
     const std::string dir = make_temp_dir("kivaccess");
     pcap = dir + "/cap.pcap";
-    if (faults) setenv("KIVTOOL_SIM_FAULTS", faults, 1);
-    usb_ops_set(sim_attach((dir + "/board").c_str()));
-    unsetenv("KIVTOOL_SIM_FAULTS");
     EXPECT_EQ(usb_capture_open(pcap.c_str()), 0);
     i2caddrid = 4;
     i2c_retry_limit = spi_retry_limit = smi_retry_limit = 1;
-    EXPECT_EQ(usbio_use_i2c(), 0);
-    usbio_connect();
+    ScopedEnv env({{"KIVTOOL_SIM_FAULTS", faults ? faults : ""}});   // read when the board is attached
+    board_attach(dir + "/board");
     EXPECT_NE(usbio_handle, nullptr);
   }
   ~Session() {
-    usbio_close(usbio_handle, 0);
+    board_detach();
     usb_capture_close();
-    sim_detach();
-    usb_ops_set(nullptr);
     i2caddrid = 4;
     i2c_retry_limit = 1;
   }
@@ -125,28 +102,28 @@ TEST(Adapter, EveryCommandOnTheWire) {
 
   const auto outs = out_payloads(s.records());
   const std::vector<Bytes> want{
-      hdr(24, 0x11, 1, {{14, 2}, {18, 0xA8}}),
-      hdr(24, 0x21, 1, {{14, 37}}),
-      hdr(24, 0x41, 0, {{14, 32}}),
-      hdr(27, 0x13, 1, {{11, 4}}, {0x56, 0x34, 0x12}),
+      usb_header(0x11, 1, {{14, 2}, {18, 0xA8}}),
+      usb_header(0x21, 1, {{14, 37}}),
+      usb_header(0x41, 0, {{14, 32}}),
+      usb_header(0x13, 1, {{11, 4}}, {0x56, 0x34, 0x12}),
       packet({0xD4, 0xC3, 0xB2, 0xA1}),
-      hdr(27, 0x14, 1, {{13, 4}}, {0x56, 0x34, 0x12}),
-      hdr(28, 0x23, 1, {{11, 4}}, {0x02, 0x12, 0x34, 0x5A}),
+      usb_header(0x14, 1, {{13, 4}}, {0x56, 0x34, 0x12}),
+      usb_header(0x23, 1, {{11, 4}}, {0x02, 0x12, 0x34, 0x5A}),
       packet({0x01, 0x02, 0x03, 0x04}),
-      hdr(29, 0x24, 1, {{13, 4}}, {0x03, 0x12, 0x34, 0x5A, 0x00}),
-      hdr(24, 0x43, 0, {{11, 2}, {16, 2}, {18, 6}}),
+      usb_header(0x24, 1, {{13, 4}}, {0x03, 0x12, 0x34, 0x5A, 0x00}),
+      usb_header(0x43, 0, {{11, 2}, {16, 2}, {18, 6}}),
       packet({0x81, 0x23}),
-      hdr(24, 0x44, 0, {{13, 2}, {16, 2}, {18, 6}}),
-      hdr(27, 0x14, 1, {{13, 12}}, {0x56, 0x34, 0x12}),
-      hdr(24, 0x15, 1, {{7, 1}, {11, 3}, {16, 0x12}, {17, 0x34}, {18, 0x56}, {20, 0x5A}, {21, 15}}),
+      usb_header(0x44, 0, {{13, 2}, {16, 2}, {18, 6}}),
+      usb_header(0x14, 1, {{13, 12}}, {0x56, 0x34, 0x12}),
+      usb_header(0x15, 1, {{7, 1}, {11, 3}, {16, 0x12}, {17, 0x34}, {18, 0x56}, {20, 0x5A}, {21, 15}}),
       packet(page),
-      hdr(24, 0x25, 1, {{7, 1}, {11, 3}, {16, 0x20}, {17, 0x30}, {18, 0x40}, {20, 1}, {21, 15}}),
+      usb_header(0x25, 1, {{7, 1}, {11, 3}, {16, 0x20}, {17, 0x30}, {18, 0x40}, {20, 1}, {21, 15}}),
       packet(page),
-      hdr(24, 0x45, 0, {{7, 1}, {11, 3}, {16, 0x30}, {20, 2}, {21, 15}}),
+      usb_header(0x45, 0, {{7, 1}, {11, 3}, {16, 0x30}, {20, 2}, {21, 15}}),
       packet(page),
   };
   ASSERT_EQ(outs.size(), want.size());
-  for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(hex(outs[i]), hex(want[i])) << "transfer " << i;
+  for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(hex_of(outs[i]), hex_of(want[i])) << "transfer " << i;
 
   // Submit/complete pairs with one id, bulk, bus 1, the adapter's device number; OUT data
   // in the submit, IN data in the complete.
@@ -171,8 +148,8 @@ TEST(Adapter, EveryCommandOnTheWire) {
               " -T fields -e usb.capdata 2>/dev/null | tr -d ':' >" + text).c_str()) != 0)
     return;
   const std::string out = read_file(text);
-  EXPECT_EQ(out.find(hex(want[0]) + "\n\n\naa\n\nca\n"), 0u) << out;
-  EXPECT_NE(out.find(hex(want[3]) + "\n\n\naa\n" + hex(want[4]) + "\n\n\nba\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find(hex_of(want[0]) + "\n\n\naa\n\nca\n"), 0u) << out;
+  EXPECT_NE(out.find(hex_of(want[3]) + "\n\n\naa\n" + hex_of(want[4]) + "\n\n\nba\n"), std::string::npos) << out;
 
   // The project's dissector names the fields of headers, data packets and responses, and
   // the status bytes; each row: display filter, fields, the frames' values.
@@ -270,7 +247,7 @@ TEST(Adapter, FaultPathsResendsAndReconnects) {
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count());
     EXPECT_GE(ms, c.minMs);
     EXPECT_LT(ms, c.maxMs);
-    EXPECT_EQ(hex(s.codes()), hex(c.codes));
+    EXPECT_EQ(hex_of(s.codes()), hex_of(c.codes));
     if (c.rc != 0) {
       EXPECT_EQ(v, 0x77u);  // a failed read leaves the value alone
     }

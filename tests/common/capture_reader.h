@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "access/usbio_protocol.h"
@@ -72,4 +74,28 @@ inline std::vector<uint8_t> command_codes(const std::vector<UsbRecord> &all) {
   std::vector<uint8_t> codes;
   for (const auto &h : command_headers(all)) codes.push_back(h[8]);
   return codes;
+}
+
+// A command header as the host sends it: 24 bytes with the given fields set, then the
+// address block.
+inline std::vector<uint8_t> usb_header(uint8_t code, uint8_t sub,
+                                       std::initializer_list<std::pair<int, uint8_t>> fields = {},
+                                       const std::vector<uint8_t> &block = {}) {
+  std::vector<uint8_t> h{0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC, uint8_t(24 + block.size()), 0, code, sub};
+  h.resize(24, 0);
+  h[23] = uint8_t(block.size());
+  for (auto [i, v] : fields) h[size_t(i)] = v;
+  h.insert(h.end(), block.begin(), block.end());
+  return h;
+}
+
+// Bytes as lower-case hex pairs, at most `max` of them ("..." after a cut), with `sep` after each.
+inline std::string hex_of(const std::vector<uint8_t> &bytes, size_t max = SIZE_MAX, const char *sep = "") {
+  std::string s;
+  char t[4];
+  for (size_t i = 0; i < bytes.size() && i < max; ++i) {
+    snprintf(t, sizeof t, "%02x", bytes[i]);
+    s += std::string(t) + sep;
+  }
+  return bytes.size() > max ? s + "..." : s;
 }

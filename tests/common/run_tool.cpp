@@ -20,15 +20,12 @@ const char *const kSdkLine = "# SDK version 040a0000\r\n#\r\n";
 namespace {
 std::vector<std::string> &tempDirs() {
   static std::vector<std::string> dirs;
-  static bool registered = false;
-  if (!registered) {
-    registered = true;
-    std::atexit([] {
-      std::error_code ec;
-      if (getenv("KIVTEST_KEEP")) return;
+  static const int registered = std::atexit([] {
+    std::error_code ec;
+    if (!getenv("KIVTEST_KEEP"))
       for (auto &d : tempDirs()) std::filesystem::remove_all(d, ec);
-    });
-  }
+  });
+  (void)registered;
   return dirs;
 }
 }  // namespace
@@ -46,6 +43,12 @@ std::string make_temp_dir(const char *tag) {
 void write_file(const std::string &path, const std::string &content) {
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   f << content;
+}
+
+size_t count_of(const std::string &text, const std::string &what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
 }
 
 std::string read_file(const std::string &path) {
@@ -107,12 +110,7 @@ ToolResult run_tool(const ToolRun &run) {
   }
   size_t line = 0, written = 0;
   bool released = true;   // the current line may be written
-  auto closings = [&res] {
-    size_t n = 0;
-    for (const char *mark : {"Success!!", "Errno :"})
-      for (size_t at = res.out.find(mark); at != std::string::npos; at = res.out.find(mark, at + 1)) ++n;
-    return n;
-  };
+  auto closings = [&res] { return count_of(res.out, "Success!!") + count_of(res.out, "Errno :"); };
   if (run.input.empty()) {
     close(inPipe[1]);
     inPipe[1] = -1;

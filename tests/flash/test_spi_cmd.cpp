@@ -56,12 +56,6 @@ std::string fileHead(const std::string &name, size_t size) {
          " Bytes\r\nLast modified time:T\r\nlast access time:T\r\nlast status change time:T\r\n";
 }
 
-size_t count(const std::string &text, const std::string &what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
 // One session, line by line: each command's own output, then the closing line.
 TEST(SpiCommand, SubcommandsLineByLine) {
   Bench b;
@@ -108,8 +102,8 @@ TEST(SpiCommand, SubcommandsLineByLine) {
 
   std::string dump = b.run("spi read 0x10 2047\n");
   EXPECT_EQ(dump.rfind("\nRead SPI Flash: \n000010: ", 0), 0u);
-  EXPECT_EQ(count(dump, "\n0"), 128u);        // 127 lines of 16, one of 15
-  EXPECT_EQ(count(dump, "ff "), 2047u - 6);   // 0xFF-0x102 and 0x200-0x201 were written
+  EXPECT_EQ(count_of(dump, "\n0"), 128u);        // 127 lines of 16, one of 15
+  EXPECT_EQ(count_of(dump, "ff "), 2047u - 6);   // 0xFF-0x102 and 0x200-0x201 were written
   EXPECT_NE(dump.find("\n0000f0: ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff 44 \n"), std::string::npos);
   EXPECT_NE(dump.find("\n000800: ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff \n" + kOk), std::string::npos);
 }

@@ -12,6 +12,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "board.h"
 #include "internal/common/hx5200_spiflash.h"
 #include "run_tool.h"
 #include "sim/sim.h"
@@ -19,7 +20,12 @@
 
 namespace {
 
-using Knobs = std::initializer_list<std::pair<std::string, std::string>>;
+// Board knobs, KIVTOOL_SIM_<name>.
+struct Knobs : std::vector<std::pair<std::string, std::string>> {
+  Knobs(std::initializer_list<std::pair<std::string, std::string>> knobs = {}) {
+    for (const auto &[name, value] : knobs) emplace_back("KIVTOOL_SIM_" + name, value);
+  }
+};
 
 // Register accesses as the layer makes them: "W:<register>=<value>" and "R:<register>", by
 // the names the flash layer gives its registers.
@@ -58,28 +64,19 @@ int32_t traced_read(uint32_t a, uint32_t *v) { note('R', a, nullptr); return hx5
 // A fresh board with the given KIVTOOL_SIM_<name> knobs, reached over traced I2C accesses.
 class FlashBoard {
  public:
-  explicit FlashBoard(Knobs knobs = {}) : dir_(make_temp_dir("kivflash")) {
-    for (const auto &[name, value] : knobs) setenv(vars_.emplace_back("KIVTOOL_SIM_" + name).c_str(), value.c_str(), 1);
-    usb_ops_set(sim_attach(dir_.c_str()));
-    usbio_use_i2c();
-    usbio_connect();
+  explicit FlashBoard(Knobs knobs = {}) : env_(knobs) {
+    board_attach(make_temp_dir("kivflash"));
     i2c_hooks_register(traced_write, traced_read);
     spi_flash_cfg_reset();
     spi_flash_page(PAGE_SPIC);
   }
   ~FlashBoard() {
-    usbio_close(usbio_handle, 0);
-    sim_detach();
-    usb_ops_set(nullptr);
-    for (const std::string &v : vars_) unsetenv(v.c_str());
+    board_detach();
     spi_flash_cfg_reset();
   }
-  FlashBoard(const FlashBoard &) = delete;
-  FlashBoard &operator=(const FlashBoard &) = delete;
 
  private:
-  std::string dir_;
-  std::vector<std::string> vars_;
+  ScopedEnv env_;
 };
 
 // The settings that decide how the layer talks to the flash, in one line.

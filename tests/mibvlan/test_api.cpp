@@ -8,6 +8,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "board.h"
 #include "internal/common/hx5200_regasicdrv.h"
 #include "internal/common/hx5200_tblasicdrv.h"
 #include "internal/common/hxk_mib.h"
@@ -21,16 +22,10 @@ namespace {
 class OnBoard : public ::testing::Test {
  protected:
   void SetUp() override {
-    usb_ops_set(sim_attach(dir_.c_str()));
-    ASSERT_EQ(usbio_use_i2c(), 0);
-    usbio_connect();
+    board_attach(dir_);
     ASSERT_NE(usbio_handle, nullptr);
   }
-  void TearDown() override {
-    usbio_close(usbio_handle, 0);
-    sim_detach();
-    usb_ops_set(nullptr);
-  }
+  void TearDown() override { board_detach(); }
   // Board-side register access, bypassing the tool.
   static uint32_t peek(uint32_t addr) { return sim::chip_read(addr); }
   static void poke(uint32_t addr, uint32_t v) { sim::chip_write(addr, v); }

@@ -34,12 +34,6 @@ std::string after(const std::string &out, const std::string &marker) {
   return p == std::string::npos ? std::string() : out.substr(p + marker.size());
 }
 
-size_t count(const std::string &hay, const std::string &needle) {
-  size_t n = 0;
-  for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + needle.size())) ++n;
-  return n;
-}
-
 #define EXPECT_HAS(out, text) EXPECT_NE((out).find(text), std::string::npos) << "missing: " << (text)
 
 std::string regSet(uint32_t addr, uint32_t v) {
@@ -63,7 +57,7 @@ TEST(MibTool, SummariesSumTheRightCountersUseTheLowByteAndTheFormatSetting) {
   });
   const std::string summary5 =
       "received packets   : 15 packets\ntransmitted packets: 48 packets\nerror packets      : 3 packets\n";
-  EXPECT_EQ(count(s.res.out, summary5 + kOver + "Success!!"), 2u) << s.res.out;
+  EXPECT_EQ(count_of(s.res.out, summary5 + kOver + "Success!!"), 2u) << s.res.out;
   EXPECT_HAS(s.res.out, "received packets   : -1 packets\ntransmitted packets: 0 packets\n");
   EXPECT_HAS(s.res.out, "0x22 etherStatsPkts64Octets : ABCDEF12 \n0x23 etherStatsPkts65to127Octets :        1 \n");
   EXPECT_HAS(s.res.out, "0x22 etherStatsPkts64Octets : 2882400018 \n");
@@ -80,7 +74,7 @@ TEST(MibTool, NamedAndUnnamedPortDumps) {
   // Unnamed: four to a line, the last line left open before the closing text.
   EXPECT_HAS(named, "0x20 :          0   0x21 :          0   0x22 :          0   0x23 :          2 \n");
   EXPECT_HAS(named, "0x58 :          0   0x59 :          0   0x5A : 4000000000   MIB command Over\n");
-  EXPECT_EQ(count(named, " : "), 2u * 91u);
+  EXPECT_EQ(count_of(named, " : "), 2u * 91u);
 }
 
 TEST(MibTool, SystemLagAndRoutingCountersThenClearOnePortAndAll) {
@@ -133,7 +127,7 @@ TEST(MibTool, MonitorsStopOnCrcErrorOrLinkDown) {
   EXPECT_HAS(out, "packets\n\n==== port 3 link down   Test Fail!!=== \nMIB command Over\n");
   EXPECT_HAS(out, "\n==== port 4 link down   Test Fail!!=== \nMIB command Over\n");
   EXPECT_HAS(out, "\nport = 8  test mode = 3Errno : -1");
-  EXPECT_EQ(count(out, kOver), 5u);
+  EXPECT_EQ(count_of(out, kOver), 5u);
   EXPECT_EQ(read_file(s.cwd + "/ocp_0x000000"), "0x55\r\n");
   EXPECT_EQ(read_file(s.cwd + "/swr_0x000000"), "0x1234\r\n");
 }
@@ -164,7 +158,7 @@ TEST(MibTool, DumpregAppendsUntilTheToolIsEnded) {
   ASSERT_GE(log.size(), 3 * 8u);
   const std::string rec = "0xbeef\n\r";
   const size_t whole = log.size() / rec.size() * rec.size();
-  EXPECT_EQ(count(log.substr(0, whole), rec), whole / rec.size());
+  EXPECT_EQ(count_of(log.substr(0, whole), rec), whole / rec.size());
 }
 
 TEST(VlanTool, SetGetRemoveRefusalsAndTheDumpOfValidEntriesBetween1And4094) {
@@ -187,7 +181,7 @@ TEST(VlanTool, SetGetRemoveRefusalsAndTheDumpOfValidEntriesBetween1And4094) {
              "get vlan table : vid = 100, mbrmsk = 0x1, untagmsk = 0x0, fid = 3, ulfid = 0, vbfwd = 1, valid = 1\n"
              "get vlan table : vid = 4094, mbrmsk = 0xf0, untagmsk = 0x0, fid = 0, ulfid = 0, vbfwd = 0, valid = 1\n"
              "Success!!\n");
-  EXPECT_EQ(count(dump, "get vlan table"), 3u);
+  EXPECT_EQ(count_of(dump, "get vlan table"), 3u);
 }
 
 TEST(VlanTool, SetCarriesOverTheFieldsItHasNoArgumentFor) {
@@ -250,7 +244,7 @@ TEST(VlanTool, PortSettingsMulticastModeAndRetagging) {
              "  - Affected Ingress Port Mask = 0x3\n  - Valid = 1\n\nSuccess!!\n"
              "Entry 5:\n  - Original VLAN ID = 0\n  - New VLAN ID = 0\n"
              "  - Affected Egress Port Mask = 0x0\n  - Valid = 0\n\nSuccess!!\nErrno : -1\nErrno : -1\nEntry 0:\n");
-  EXPECT_EQ(count(after(out, "Errno : -1\nErrno : -1\n"), "Entry "), 32u);
+  EXPECT_EQ(count_of(after(out, "Errno : -1\nErrno : -1\n"), "Entry "), 32u);
 }
 
 }  // namespace

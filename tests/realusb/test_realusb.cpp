@@ -39,6 +39,7 @@ struct Script {
 struct Seen {
   ToolResult res;
   std::vector<std::vector<uint8_t>> payloads;   // every captured transfer that carried data
+  std::vector<uint8_t> codes;                   // the command code of each header among them
   std::string flash;                            // the board's flash image afterwards
   std::string served;                           // usbfs: the adapter node the board answered for
   std::vector<std::string> claimed;             // usbfs: nodes whose interface 0 was claimed
@@ -73,17 +74,29 @@ ToolRun tool_run(const Script &s, const std::string &tag) {
 void collect(Seen &seen, const Script &s, const std::string &tag) {
   std::vector<UsbRecord> recs;
   EXPECT_TRUE(read_pcap(s.cwd + "/" + tag + ".pcap", recs)) << "capture of " << tag;
-  for (const UsbRecord &r : recs)
-    if (!r.data.empty()) seen.payloads.push_back(r.data);
+  for (const UsbRecord &r : recs) {
+    if (r.data.empty()) continue;
+    seen.payloads.push_back(r.data);
+    // Command headers and the responses that repeat them.
+    if (r.data.size() >= 24 && r.data[0] == 0x01 && r.data[1] == 0xFE && r.data[2] == 0x02)
+      seen.codes.push_back(r.data[8]);
+  }
   seen.flash = read_file(s.cwd + "/" + tag + "/flash.bin");
+}
+
+// The board's faults and knobs. It reads them from the environment when it is attached:
+// the tool's on the in-process board, this process's on the usbfs bed.
+std::vector<std::pair<std::string, std::string>> board_env(const Script &s) {
+  auto env = s.knobs;
+  if (!s.faults.empty()) env.emplace_back("KIVTOOL_SIM_FAULTS", s.faults);
+  return env;
 }
 
 Seen on_sim(Script &s) {
   prepare(s);
   ToolRun r = tool_run(s, "sim");
+  for (const auto &kv : board_env(s)) r.env.push_back(kv);
   r.env.emplace_back("KIVTOOL_SIM", s.cwd + "/sim");
-  if (!s.faults.empty()) r.env.emplace_back("KIVTOOL_SIM_FAULTS", s.faults);
-  for (const auto &k : s.knobs) r.env.push_back(k);
   Seen seen;
   seen.res = run_tool(r);
   collect(seen, s, "sim");
@@ -103,26 +116,9 @@ ToolResult run_on(UsbfsBed &bed, ToolRun r) {
   return run_tool(r);
 }
 
-// The board reads its faults and knobs from the environment when it is attached, as the
-// tool does; this process sets them around the attach.
-struct BoardEnv {
-  std::vector<std::string> names;
-  explicit BoardEnv(const Script &s) {
-    auto set = [this](const std::string &k, const std::string &v) {
-      setenv(k.c_str(), v.c_str(), 1);
-      names.push_back(k);
-    };
-    if (!s.faults.empty()) set("KIVTOOL_SIM_FAULTS", s.faults);
-    for (const auto &[k, v] : s.knobs) set(k, v);
-  }
-  ~BoardEnv() {
-    for (const std::string &k : names) unsetenv(k.c_str());
-  }
-};
-
 Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup = {}) {
   prepare(s);
-  BoardEnv env(s);
+  ScopedEnv env(board_env(s));
   UsbfsBed bed(s.cwd + "/usbfs");
   ToolRun r = tool_run(s, "usbfs");
   if (setup) setup(bed, r);
@@ -136,16 +132,6 @@ Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup
   return seen;
 }
 
-std::string hex(const std::vector<uint8_t> &v) {
-  std::string out;
-  char b[4];
-  for (size_t i = 0; i < v.size() && i < 48; ++i) {
-    snprintf(b, sizeof b, "%02x ", v[i]);
-    out += b;
-  }
-  return out + (v.size() > 48 ? "..." : "");
-}
-
 void expect_same(const Seen &usbfs, const Seen &sim, const std::string &what) {
   EXPECT_FALSE(usbfs.res.timedOut) << what;
   EXPECT_EQ(usbfs.res.status, sim.res.status) << what;
@@ -153,8 +139,8 @@ void expect_same(const Seen &usbfs, const Seen &sim, const std::string &what) {
   EXPECT_EQ(usbfs.payloads.size(), sim.payloads.size()) << what;
   for (size_t i = 0; i < std::min(usbfs.payloads.size(), sim.payloads.size()); ++i) {
     if (usbfs.payloads[i] == sim.payloads[i]) continue;
-    ADD_FAILURE() << what << ": transfer " << i << " differs: usbfs " << hex(usbfs.payloads[i]) << ", in-process "
-                  << hex(sim.payloads[i]);
+    ADD_FAILURE() << what << ": transfer " << i << " differs: usbfs " << hex_of(usbfs.payloads[i], 48, " ")
+                  << ", in-process " << hex_of(sim.payloads[i], 48, " ");
     break;
   }
 }
@@ -239,13 +225,6 @@ TEST_F(RealUsb, EveryFaultKindGivesTheSameOutputAndTraffic) {
 
 // ---- unplug and replug ----------------------------------------------------------------------
 
-std::vector<uint8_t> codes_of(const std::vector<std::vector<uint8_t>> &payloads) {
-  std::vector<uint8_t> codes;
-  for (const auto &p : payloads)
-    if (p.size() >= 24 && p[0] == 0x01 && p[1] == 0xFE && p[2] == 0x02) codes.push_back(p[8]);
-  return codes;
-}
-
 TEST_F(RealUsb, AdapterPulledBetweenCommandsAndPluggedBackReconnects) {
   Script s;
   s.input = "reg set 0x4A180048 0x5a\nreg get 0x4A180048\n";
@@ -262,10 +241,9 @@ TEST_F(RealUsb, AdapterPulledBetweenCommandsAndPluggedBackReconnects) {
   // response): nothing of it shows on the console.
   EXPECT_EQ(seen.res.out, plain.res.out) << seen.res.err;
   EXPECT_EQ(seen.claimed.size(), 2u);
-  const std::vector<uint8_t> codes = codes_of(seen.payloads);
   const std::vector<uint8_t> tail = {0x14, 0x14, 0x11, 0x21, 0x41, 0x14, 0x14};
-  ASSERT_GE(codes.size(), tail.size());
-  EXPECT_TRUE(std::equal(tail.begin(), tail.end(), codes.end() - (long)tail.size())) << hex(codes);
+  ASSERT_GE(seen.codes.size(), tail.size());
+  EXPECT_TRUE(std::equal(tail.begin(), tail.end(), seen.codes.end() - (long)tail.size())) << hex_of(seen.codes);
 }
 
 // ---- permissions ----------------------------------------------------------------------------

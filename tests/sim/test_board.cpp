@@ -5,11 +5,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <initializer_list>
-#include <utility>
 #include <vector>
 
 #include "access/usbio.h"
+#include "capture_reader.h"
 #include "run_tool.h"
 #include "sim/sim.h"
 #include "sim/sim_board.h"
@@ -18,16 +17,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// A command header (24 bytes plus the address block) with some fields set.
-Bytes hdr(uint8_t code, uint8_t sub, std::initializer_list<std::pair<int, uint8_t>> fields = {}, Bytes block = {}) {
-  Bytes h{0x01, 0xFE, 0x02, 0xFD, 0x03, 0xFC, uint8_t(24 + block.size()), 0, code, sub};
-  h.resize(24, 0);
-  h[23] = uint8_t(block.size());
-  for (auto [i, v] : fields) h[size_t(i)] = v;
-  h.insert(h.end(), block.begin(), block.end());
-  return h;
-}
-const Bytes kI2cConfig = hdr(0x11, 1, {{14, 2}, {18, 0xA8}});
+const Bytes kI2cConfig = usb_header(0x11, 1, {{14, 2}, {18, 0xA8}});
 
 // A board attached in a fresh directory; open() lets the host code open and claim the adapter.
 struct Raw {
@@ -110,26 +100,27 @@ TEST(Bus, EnumerationHandlesAndEndpointsBehaveLikeLibusb) {
 TEST(Adapter, RefusedCommandsAndShortFlashData) {
   Raw b;
   b.open();
-  Bytes bad = hdr(0x14, 1, {{13, 4}}, {0, 0, 0});
+  Bytes bad = usb_header(0x14, 1, {{13, 4}}, {0, 0, 0});
   bad[6] = 30;  // the length byte disagrees with the transfer
-  for (const Bytes &h : {bad, hdr(0x77, 1), hdr(0x23, 1, {{11, 4}}, {0x03, 0, 0, 0}),
-                         hdr(0x24, 1, {{13, 4}}, {0x02, 0, 0, 0, 0}), hdr(0x44, 1, {{13, 2}, {16, 24}})}) {
+  for (const Bytes &h : {bad, usb_header(0x77, 1), usb_header(0x23, 1, {{11, 4}}, {0x03, 0, 0, 0}),
+                         usb_header(0x24, 1, {{13, 4}}, {0x02, 0, 0, 0, 0}),
+                         usb_header(0x44, 1, {{13, 2}, {16, 24}})}) {
     EXPECT_EQ(b.answer(h), 0xAB) << int(h[8]);
     EXPECT_EQ(b.answer({1, 2, 3}), -ETIMEDOUT);  // not a header, nothing waiting: swallowed
   }
   // Configured for another I2C device (id 3): every I2C transfer is refused, SPI is not.
-  EXPECT_EQ(b.answer(hdr(0x11, 1, {{14, 2}, {18, 0xA6}})), 0xAA);
+  EXPECT_EQ(b.answer(usb_header(0x11, 1, {{14, 2}, {18, 0xA6}})), 0xAA);
   Bytes got;
   EXPECT_EQ(b.in(got, 64), 1);  // a buffer larger than the packet gets a short transfer
   EXPECT_EQ(got, Bytes{0xCA});
-  for (const Bytes &h : {hdr(0x13, 1, {{11, 4}}, {0, 1, 0}), hdr(0x14, 1, {{13, 4}}, {0, 1, 0}),
-                         hdr(0x15, 1, {{7, 1}, {11, 4}})})
+  for (const Bytes &h : {usb_header(0x13, 1, {{11, 4}}, {0, 1, 0}), usb_header(0x14, 1, {{13, 4}}, {0, 1, 0}),
+                         usb_header(0x15, 1, {{7, 1}, {11, 4}})})
     EXPECT_EQ(b.answer(h), 0xAB) << int(h[8]);
-  EXPECT_EQ(b.answer(hdr(0x24, 1, {{13, 4}}, {0x03, 0, 1, 0, 0})), 0xAA);
+  EXPECT_EQ(b.answer(usb_header(0x24, 1, {{13, 4}}, {0x03, 0, 1, 0, 0})), 0xAA);
   EXPECT_EQ(b.in(got, 8), -EOVERFLOW);  // the response does not fit, as with real USB
 
   // A flash write whose data packet is shorter than announced is asked for again.
-  EXPECT_EQ(b.answer(hdr(0x25, 1, {{7, 1}, {11, 8}})), 0xAA);
+  EXPECT_EQ(b.answer(usb_header(0x25, 1, {{7, 1}, {11, 8}})), 0xAA);
   EXPECT_EQ(b.answer({1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF}), 0xAC);
 }
 

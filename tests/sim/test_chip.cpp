@@ -18,6 +18,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "board.h"
 #include "run_tool.h"
 #include "sim/sim.h"
 #include "sim/sim_board.h"
@@ -34,28 +35,16 @@ struct Board {
     access_if_set(0);
   }
   void attach() {
-    usb_ops_set(sim_attach(dir.c_str()));
-    usbio_use_i2c();
-    usbio_connect();
+    board_attach(dir);
     ASSERT_NE(usbio_handle, nullptr);
   }
-  void detach() {
-    usbio_close(usbio_handle, 0);
-    usb_ops_set(nullptr);
-    sim_detach();
-  }
+  void detach() { board_detach(); }
   uint32_t rd(uint32_t a) {
     uint32_t v = 0xDEADDEAD;
     EXPECT_EQ(reg_read(1, a, &v), 0) << std::hex << a;
     return v;
   }
   void wr(uint32_t a, uint32_t v) { EXPECT_EQ(reg_write(1, a, v), 0) << std::hex << a; }
-};
-
-struct EnvVar {
-  std::string name;
-  EnvVar(const char *n, const char *v) : name(n) { setenv(n, v, 1); }
-  ~EnvVar() { unsetenv(name.c_str()); }
 };
 
 }  // namespace
@@ -83,7 +72,7 @@ TEST(Chip, PagesWindowAndGenerationRegister) {
   EXPECT_EQ(b.rd(0x103FF0), 0u);
   EXPECT_EQ(chip_probe(), 0);
   EXPECT_EQ(b.rd(0xFFFF01), 0x4Au);  // the probe puts the page back
-  EnvVar gen("KIVTOOL_SIM_CHIP_GEN", "3");
+  ScopedEnv gen({{"KIVTOOL_SIM_CHIP_GEN", "3"}});
   EXPECT_EQ(chip_probe(), -1);
 }
 
@@ -114,7 +103,7 @@ TEST(Chip, IndirectAccessThroughTheCurrentPageAndItsBusyKnob) {
   b.wr(0xFFFF11, 0x3FFFFF11);
   EXPECT_EQ(sim::chip_read(0x42000300), 0u);
 
-  EnvVar busy("KIVTOOL_SIM_INDIRECT_BUSY", "2");
+  ScopedEnv busy({{"KIVTOOL_SIM_INDIRECT_BUSY", "2"}});
   b.wr(0xFFFF11, 0x3D000200);
   EXPECT_EQ(b.rd(0xFFFF11) >> 31, 0u);
   EXPECT_EQ(b.rd(0xFFFF11) >> 31, 0u);
@@ -129,11 +118,11 @@ TEST(Chip, SmiIndirectSchemeAndMdioDevices) {
   sim::chip_write(0x4A000404, 0xA5A55A5A);
   EXPECT_EQ(b.rd(0x000404), 0xA5A55A5Au);
   {
-    EnvVar busy("KIVTOOL_SIM_SMI_BUSY", "3");  // busy for three polls: still fine
+    ScopedEnv busy({{"KIVTOOL_SIM_SMI_BUSY", "3"}});  // busy for three polls: still fine
     EXPECT_EQ(b.rd(0x000404), 0xA5A55A5Au);
   }
   {
-    EnvVar never("KIVTOOL_SIM_SMI_BUSY", "-1");  // busy for ever: the host gives up
+    ScopedEnv never({{"KIVTOOL_SIM_SMI_BUSY", "-1"}});  // busy for ever: the host gives up
     EXPECT_EQ(reg_write(1, 0x10, 1), 15);
   }
   // MDIO addresses 0-7 are plain clause-22 devices; others float high; five address bits.
