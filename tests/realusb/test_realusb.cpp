@@ -29,10 +29,10 @@ struct Script {
   std::string input;               // piped lines
   std::string cfg;                 // kivcfg.txt
   std::string faults;              // KIVTOOL_SIM_FAULTS
-  std::vector<std::pair<std::string, std::string>> files;
+  std::vector<std::pair<std::string, std::string>> files;   // name, content
   // Board knobs: the flash's busy time counts status polls only, so that both runs see
   // the same polls whatever their speed.
-  std::vector<std::pair<std::string, std::string>> knobs = {{"KIVTOOL_SIM_FLASH_WIP_MS", "0"}};
+  EnvVars knobs = {{"KIVTOOL_SIM_FLASH_WIP_MS", "0"}};
   std::string cwd;                 // shared by the two runs of a comparison (same file times)
 };
 
@@ -60,47 +60,42 @@ std::string prepare(Script &s) {
   return s.cwd;
 }
 
-// Each run has its own board and capture, named by `tag`.
-ToolRun tool_run(const Script &s, const std::string &tag) {
-  ToolRun r;
-  r.args = s.args;
-  r.input = s.input;
-  r.cwd = s.cwd;
-  r.timeoutMs = 60000;
-  r.env.emplace_back("KIVTOOL_PCAP", s.cwd + "/" + tag + ".pcap");
-  return r;
-}
-
-void collect(Seen &seen, const Script &s, const std::string &tag) {
-  std::vector<UsbRecord> recs;
-  EXPECT_TRUE(read_pcap(s.cwd + "/" + tag + ".pcap", recs)) << "capture of " << tag;
-  for (const UsbRecord &r : recs) {
-    if (r.data.empty()) continue;
-    seen.payloads.push_back(r.data);
-    // Command headers and the responses that repeat them.
-    if (r.data.size() >= 24 && r.data[0] == 0x01 && r.data[1] == 0xFE && r.data[2] == 0x02)
-      seen.codes.push_back(r.data[8]);
-  }
-  seen.flash = read_file(s.cwd + "/" + tag + "/flash.bin");
-}
-
 // The board's faults and knobs. It reads them from the environment when it is attached:
 // the tool's on the in-process board, this process's on the usbfs bed.
-std::vector<std::pair<std::string, std::string>> board_env(const Script &s) {
-  auto env = s.knobs;
+EnvVars board_env(const Script &s) {
+  EnvVars env = s.knobs;
   if (!s.faults.empty()) env.emplace_back("KIVTOOL_SIM_FAULTS", s.faults);
   return env;
 }
 
-Seen on_sim(Script &s) {
-  prepare(s);
-  ToolRun r = tool_run(s, "sim");
-  for (const auto &kv : board_env(s)) r.env.push_back(kv);
-  r.env.emplace_back("KIVTOOL_SIM", s.cwd + "/sim");
+// Runs the script with the board settings in `r` (each run has its own board and capture,
+// named by `tag`) and reads back what the board saw.
+Seen run_script(Script &s, const std::string &tag, ToolRun r) {
+  r.args = s.args;
+  r.input = s.input;
+  r.cwd = prepare(s);
+  r.timeoutMs = 60000;
+  r.env.emplace_back("KIVTOOL_PCAP", s.cwd + "/" + tag + ".pcap");
   Seen seen;
   seen.res = run_tool(r);
-  collect(seen, s, "sim");
+  std::vector<UsbRecord> recs;
+  EXPECT_TRUE(read_pcap(s.cwd + "/" + tag + ".pcap", recs)) << "capture of " << tag;
+  for (const UsbRecord &rec : recs) {
+    if (rec.data.empty()) continue;
+    seen.payloads.push_back(rec.data);
+    // Command headers and the responses that repeat them.
+    if (rec.data.size() >= 24 && rec.data[0] == 0x01 && rec.data[1] == 0xFE && rec.data[2] == 0x02)
+      seen.codes.push_back(rec.data[8]);
+  }
+  seen.flash = read_file(s.cwd + "/" + tag + "/flash.bin");
   return seen;
+}
+
+Seen on_sim(Script &s) {
+  ToolRun r;
+  r.env = board_env(s);
+  r.env.emplace_back("KIVTOOL_SIM", prepare(s) + "/sim");
+  return run_script(s, "sim", r);
 }
 
 void plug_decoy_then_adapter(UsbfsBed &bed) {
@@ -109,26 +104,19 @@ void plug_decoy_then_adapter(UsbfsBed &bed) {
   bed.plug_adapter();
 }
 
-// Runs build/kivtool under the bed: no KIVTOOL_SIM, the bed's environment.
-ToolResult run_on(UsbfsBed &bed, ToolRun r) {
-  r.sim = false;
-  for (auto &kv : bed.child_env(r.uid >= 0)) r.env.push_back(kv);
-  return run_tool(r);
-}
-
+// build/kivtool under the bed: no KIVTOOL_SIM, the bed's environment.
 Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup = {}) {
-  prepare(s);
   ScopedEnv env(board_env(s));
-  UsbfsBed bed(s.cwd + "/usbfs");
-  ToolRun r = tool_run(s, "usbfs");
+  UsbfsBed bed(prepare(s) + "/usbfs");
+  ToolRun r;
   if (setup) setup(bed, r);
   else plug_decoy_then_adapter(bed);
-  Seen seen;
-  seen.res = run_on(bed, r);
+  r.sim = false;
+  for (auto &kv : bed.child_env(r.uid >= 0)) r.env.push_back(kv);
+  Seen seen = run_script(s, "usbfs", r);
   EXPECT_GT(bed.ioctls_served(), 0u) << "the tool never reached the usbfs bed";
   seen.served = bed.adapter_node();
   seen.claimed = bed.claimed_nodes();
-  collect(seen, s, "usbfs");
   return seen;
 }
 
