@@ -15,7 +15,7 @@
 #include "access/usbio.h"
 #include "board.h"
 #include "capture_reader.h"
-#include "run_tool.h"
+#include "tool_output.h"
 
 namespace {
 
@@ -322,7 +322,7 @@ TEST(Adapter, I2cDeviceAddressTakesTheWholeId) {
 // board the bring-up is silent: three configuration steps, then the chip check reads the
 // page, selects page 0, reads the generation register and puts the page back.
 TEST(Startup, WithAndWithoutTheBoard) {
-  const std::string banner = "#\r\n# Quorvex KIV Tool build 20210719\r\n#\r\n" + std::string(kSdkLine);
+  const std::string banner = kBanner + kSdkLine;
   const std::pair<const char *, std::string> cases[] = {
       {"", "HX5200_USB_I2C_READ_NEW_1363" + kNotFound},
       {"interface smi\n", "HX5200_SMI_WRITE_HXK_1713" + kNotFound},

@@ -4,13 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "engine_fixture.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 #include "kiv/kiv_ciscoParser.h"
-#include "run_tool.h"
+#include "tool_output.h"
 
 namespace {
 
@@ -101,14 +103,8 @@ constexpr RowWant kRows[52] = {
 };
 
 V split(const char *words) {
-  V v;
-  for (const char *p = words; *p;) {
-    const char *e = std::strchr(p, ' ');
-    if (!e) e = p + std::strlen(p);
-    v.emplace_back(p, e);
-    p = *e ? e + 1 : e;
-  }
-  return v;
+  std::istringstream in(words);
+  return V(std::istream_iterator<std::string>(in), {});
 }
 
 // The words a row's grammar offers before anything is typed.
@@ -126,20 +122,11 @@ V firstWords(const kiv_cmd_t *row) {
   return words;
 }
 
-ToolResult runTool(V args, std::string input = {}) {
-  ToolRun r;
-  r.args = std::move(args);
-  r.input = std::move(input);
-  ToolResult res = run_tool(r);
-  EXPECT_FALSE(res.timedOut);
-  EXPECT_EQ(res.status, 0);
-  return res;
-}
 // One-shot run: the words as program arguments; the text after the start-up lines.
 std::string oneShot(V args) {
-  const std::string out = runTool(std::move(args)).out;
-  EXPECT_EQ(out.rfind(kSdkLine, 0), 0u);
-  return out.substr(std::strlen(kSdkLine));
+  ToolRun r;
+  r.args = std::move(args);
+  return tool_output(r);
 }
 
 TEST(CommandTable, RowsFirstWordsAndHelpListing) {
@@ -262,12 +249,11 @@ TEST(Transcripts, LookupAndErrors) {
 }
 
 TEST(Transcripts, PipedSession) {
-  const std::string out = runTool({}, "qos \"init\"\n\"qos init\"\n..\n exit \n\n" + std::string(256, 'x') +
-                                          "\nare you\r\nexit\nare ok\n").out;
-  EXPECT_EQ(out, "#\r\n# Quorvex KIV Tool build 20210719\r\n#\r\n" + std::string(kSdkLine) +
-                     "qos init: not supported\nErrno : -1\n"
-                     "Unknown command\nUnknown command\nUnknown command\n"
-                     "are you: not supported\nErrno : -1\n");
+  ToolRun r;
+  r.input = "qos \"init\"\n\"qos init\"\n..\n exit \n\n" + std::string(256, 'x') + "\nare you\r\nexit\nare ok\n";
+  EXPECT_EQ(tool_output(r), "qos init: not supported\nErrno : -1\n"
+                            "Unknown command\nUnknown command\nUnknown command\n"
+                            "are you: not supported\nErrno : -1\n");
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "../shell/terminal.h"
-#include "run_tool.h"
+#include "tool_output.h"
 
 namespace {
 
@@ -21,17 +21,12 @@ const std::string kOk = kOver + "Success!!\n";
 struct Bench {
   std::string cwd = make_temp_dir("kivspi");
   // Runs the lines piped in; returns what follows the start-up text.
-  std::string run(const std::string &lines, std::vector<std::pair<std::string, std::string>> env = {},
-                  std::string *err = nullptr) {
+  std::string run(const std::string &lines, EnvVars env = {}, std::string *err = nullptr) {
     ToolRun r;
     r.input = lines;
     r.env = std::move(env);
     r.cwd = cwd;
-    const ToolResult res = run_tool(r);
-    EXPECT_TRUE(!res.timedOut && res.status == 0) << lines;
-    if (err) *err = res.err;
-    const size_t at = res.out.find(kSdkLine);
-    return at == std::string::npos ? res.out : res.out.substr(at + std::string(kSdkLine).size());
+    return tool_output(r, 0, err);
   }
   std::string flash() const { return read_file(cwd + "/sim/flash.bin"); }
   void put(const std::string &name, const std::string &content) const { write_file(cwd + "/" + name, content); }
@@ -238,8 +233,7 @@ TEST(SpiCommand, CalibrationOwnershipAndALostAdapterStopCommands) {
   EXPECT_EQ(b.flash().substr(0x40000, 0x20),
             std::string(16, '\xFF') + std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
 
-  const std::vector<std::pair<std::string, std::string>> broken = {{"KIVTOOL_SIM_FLASH_DLY_MIN", "40"},
-                                                                   {"KIVTOOL_SIM_FLASH_DLY_MAX", "50"}};
+  const EnvVars broken = {{"KIVTOOL_SIM_FLASH_DLY_MIN", "40"}, {"KIVTOOL_SIM_FLASH_DLY_MAX", "50"}};
   EXPECT_TRUE(b.run("spi cal\n", broken).ends_with("SPIC  Calibration FAILED\n" + kOk));
   b.put("img.bin", pattern(600, 4));
   out = b.run("spi update img.bin\nspi pg0861flash img.bin 1 1\nspi rdid\n", broken);

@@ -18,8 +18,7 @@ struct Session {
   std::string cwd;
 };
 
-Session run_lines(const std::vector<std::string> &lines, std::vector<std::pair<std::string, std::string>> env = {},
-                  int timeoutMs = 20000) {
+Session run_lines(const std::vector<std::string> &lines, EnvVars env = {}, int timeoutMs = 20000) {
   ToolRun r;
   for (const auto &l : lines) r.input += l + "\n";
   r.env = std::move(env);

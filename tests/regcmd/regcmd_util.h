@@ -12,28 +12,23 @@
 #include <vector>
 
 #include "capture_reader.h"
-#include "run_tool.h"
+#include "tool_output.h"
 
 inline const std::string kOk = "Success!!\n";
 inline std::string errnoLine(int code) { return "Errno : " + std::to_string(code) + "\n"; }
 
-using Env = std::vector<std::pair<std::string, std::string>>;
 using Step = std::pair<std::string, std::string>;   // a typed line, what the tool prints for it
 
 // Runs the lines as one piped session on a fresh board; returns the output after the
-// start-up text (taken from a session without lines).
-inline std::string runSession(const std::vector<std::string> &lines, const Env &env = {}) {
-  static const std::string prefix = run_tool(ToolRun{}).out;
+// start-up text.
+inline std::string runSession(const std::vector<std::string> &lines, const EnvVars &env = {}) {
   ToolRun run;
   for (const std::string &l : lines) run.input += l + "\n";
   run.env = env;
-  const ToolResult res = run_tool(run);
-  EXPECT_TRUE(!res.timedOut && res.status == 0);
-  EXPECT_TRUE(res.out.starts_with(prefix)) << res.out;
-  return res.out.substr(std::min(prefix.size(), res.out.size()));
+  return tool_output(run);
 }
 
-inline void expectSession(const std::vector<Step> &steps, const Env &env = {}) {
+inline void expectSession(const std::vector<Step> &steps, const EnvVars &env = {}) {
   std::vector<std::string> lines;
   std::string expected;
   for (const auto &[line, out] : steps) {

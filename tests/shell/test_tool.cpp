@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <string>
 
-#include "run_tool.h"
+#include "tool_output.h"
 #include "terminal.h"
 
 namespace {
 
-const std::string kStart = std::string("#\r\n# Quorvex KIV Tool build 20210719\r\n#\r\n") + kSdkLine;
+const std::string kStart = kBanner + kSdkLine;
 const std::string kListing = "reg                 mib";   // start of the root listing
 const std::string kTooLong = "kivshell: command line too long\n";
 
@@ -24,11 +24,7 @@ std::string run(const std::vector<std::string> &args, const std::string &input =
   r.args = args;
   r.input = input;
   r.cwd = cwd;
-  ToolResult res = run_tool(r);
-  EXPECT_EQ(res.status, wantStatus) << res.out << res.err;
-  const std::string prefix = args.empty() ? kStart : kSdkLine;
-  if (!res.out.starts_with(prefix)) return "UNEXPECTED START:" + res.out;
-  return res.out.substr(prefix.size());
+  return tool_output(r, wantStatus);
 }
 
 TEST(Tool, OneShotJoinsTheWordsIntoOneTypedLineAfterTheConfiguration) {
@@ -149,7 +145,7 @@ TEST(Tool, OutputOrderThroughAPipe) {
 // again on the next line. Through a pipe nothing is added.
 TEST(Tool, HintsOnATerminalOnly) {
   const struct {
-    std::vector<std::pair<std::string, std::string>> env;
+    EnvVars env;
     const char *cfg, *hint;
   } cases[] = {
       {{{"KIVTOOL_SIM", "sim1"}, {"KIVTOOL_SIM_FAULTS", "unplug@4"}}, "", "the USB I/O adapter left the bus (unplugged?)"},

@@ -19,7 +19,7 @@
 #include "access/access.h"
 #include "access/usbio.h"
 #include "board.h"
-#include "run_tool.h"
+#include "tool_output.h"
 #include "sim/sim.h"
 #include "sim/sim_board.h"
 #include "sim/sim_chip.h"
@@ -195,12 +195,10 @@ TEST(Chip, StateSurvivesDetachDamageAndSigkill) {
 TEST(Chip, ToolRunsShareTheBoard) {
   ToolRun r;
   r.cwd = make_temp_dir("kivsim");
-  const auto run = [&](std::vector<std::string> args, std::vector<std::pair<std::string, std::string>> env = {}) {
+  const auto run = [&](std::vector<std::string> args, EnvVars env = {}) {
     r.args = std::move(args);
     r.env = std::move(env);
-    const ToolResult res = run_tool(r);
-    EXPECT_TRUE(!res.timedOut && res.status == 0);
-    return res.out.substr(std::string(kSdkLine).size());
+    return tool_output(r);
   };
   run({"reg", "chgpage", "cpu"});
   EXPECT_EQ(run({"reg", "chgpage", "current"}), "Current Page: 0x42\r\nSuccess!!\n");
