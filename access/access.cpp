@@ -7,11 +7,6 @@
 #include "access/access_local.h"
 
 uint8_t access_if = ACCESS_IF_I2C;
-uint8_t mdcaddrid = 24;
-uint8_t i2caddrid = 4;
-uint32_t i2c_retry_limit = 1;
-uint32_t spi_retry_limit = 1;
-uint32_t smi_retry_limit = 1;
 uint32_t reg_debug_trace = 0;
 
 namespace {

@@ -18,6 +18,10 @@
 
 #include "shell/kivshell.h"
 
+// The prompt the editor draws before each line; the main loop writes it (kiv_buildPrompt).
+char kiv_prompt[KIV_PROMPT_SIZE];
+int kiv_promptLen;
+
 namespace {
 
 constexpr int kMaxChars = KIV_LINE_SIZE - 2;  // room for the newline and the NUL

@@ -16,8 +16,6 @@
 #include "kiv/kiv_parser.h"
 #include "sim/sim.h"
 
-char kiv_prompt[KIV_PROMPT_SIZE];
-int kiv_promptLen;
 
 namespace {
 
