@@ -69,8 +69,9 @@ constexpr char kUsage[] =
     "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"
     "unknown option.\n"
     "\n"
-    "Documentation: README.md (use, keys, scripting, capture), docs/board.md (the simulated\n"
-    "board), tools/wireshark/kivusb.lua (Wireshark dissector of the adapter protocol).\n";
+    "Documentation: README.md (use, a real adapter, keys, scripting, capture), docs/board.md\n"
+    "(the simulated board), udev/60-kivtool.rules (access to the adapter without root),\n"
+    "tools/wireshark/kivusb.lua (Wireshark dissector of the adapter protocol).\n";
 
 // Reads the options; returns -1 to go on, or the exit status when the run ends here.
 int parseOptions(int argc, char **argv, Options &opt) {
