@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 const char *const kSdkLine = "# SDK version 040a0000\r\n#\r\n";
 
@@ -65,6 +66,32 @@ ToolResult run_tool(const ToolRun &run) {
   // Close-on-exec: a tool started meanwhile from another thread must not inherit these ends
   // (it would hold this run's input open, and this run would never see end of input).
   if (pipe2(inPipe, O_CLOEXEC) || pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC)) return res;
+  // Everything the child needs is made here: between fork and exec a child of a threaded
+  // process may only make system calls (another thread may have held the allocator's lock).
+  std::vector<std::string> envText;
+  bool hasSim = false;
+  for (char **e = environ; *e; ++e) {
+    const std::string_view kv(*e);
+    const std::string_view key = kv.substr(0, kv.find('='));
+    bool dropped = key == "KIVTOOL_SIM" || key == "KIVTOOL_SIM_FAULTS" || key == "KIVTOOL_PCAP" ||
+                   key == "KIVTOOL_TRACE";
+    for (const auto &[k, v] : run.env) dropped = dropped || key == k;
+    if (!dropped) envText.emplace_back(kv);
+  }
+  for (const auto &[k, v] : run.env) {
+    envText.push_back(k + "=" + v);
+    hasSim = hasSim || k == "KIVTOOL_SIM";
+  }
+  if (run.sim && !hasSim) envText.push_back("KIVTOOL_SIM=" + cwd + "/sim");
+  std::vector<char *> envp;
+  for (std::string &kv : envText) envp.push_back(kv.data());
+  envp.push_back(nullptr);
+  const std::string program = run.program.empty() ? KIVTOOL_PATH : run.program;
+  std::vector<char *> argv;
+  argv.push_back(const_cast<char *>(program.c_str()));
+  for (auto &arg : run.args) argv.push_back(const_cast<char *>(arg.c_str()));
+  argv.push_back(nullptr);
+
   pid_t pid = fork();
   if (pid == 0) {
     dup2(inPipe[0], 0);
@@ -74,22 +101,7 @@ ToolResult run_tool(const ToolRun &run) {
     if (chdir(cwd.c_str()) != 0) _exit(126);
     if (run.uid >= 0 && (setgroups(0, nullptr) != 0 || setgid((gid_t)run.uid) != 0 || setuid((uid_t)run.uid) != 0))
       _exit(125);
-    unsetenv("KIVTOOL_SIM");
-    unsetenv("KIVTOOL_SIM_FAULTS");
-    unsetenv("KIVTOOL_PCAP");
-    unsetenv("KIVTOOL_TRACE");
-    bool hasSim = false;
-    for (auto &[k, v] : run.env) {
-      setenv(k.c_str(), v.c_str(), 1);
-      if (k == "KIVTOOL_SIM") hasSim = true;
-    }
-    if (run.sim && !hasSim) setenv("KIVTOOL_SIM", (cwd + "/sim").c_str(), 1);
-    std::vector<char *> argv;
-    const char *program = run.program.empty() ? KIVTOOL_PATH : run.program.c_str();
-    argv.push_back(const_cast<char *>(program));
-    for (auto &a : run.args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(program, argv.data());
+    execve(program.c_str(), argv.data(), envp.data());
     _exit(127);
   }
   close(inPipe[0]);
