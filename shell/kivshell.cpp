@@ -425,7 +425,10 @@ int kivshell_main(int argc, char **argv) {
 
   if (oneShot) return runOneShot(argc, argv, opt.firstWord, opt.errexit);
 
-  if (isatty(0)) kiv_hintBoard(getenv("KIVTOOL_SIM"));
+  if (isatty(0)) {
+    kiv_hintBoard(getenv("KIVTOOL_SIM"));
+    kiv_hotplugStart();
+  }
   const int status = runInteractive(opt.errexit);
   usbio_close(usbio_handle, 0);
   close(devNull);
