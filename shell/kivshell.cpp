@@ -123,7 +123,7 @@ int parseOptions(int argc, char **argv, Options &opt) {
     return 0;
   }
   const char *sel = opt.adapter ? opt.adapter : getenv("KIVTOOL_ADAPTER");
-  if (!usbio_select(sel)) {
+  if ((opt.adapter && !*opt.adapter) || !usbio_select(sel)) {
     fprintf(stderr,
             "kivtool: malformed adapter selector '%s': use path:BUS-PORT[.PORT...], serial:TEXT or dev:BUS/DEV\n",
             sel);

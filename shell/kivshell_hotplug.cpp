@@ -66,6 +66,7 @@ int checkEvents() {
     for (ssize_t at = 0; at + (ssize_t)sizeof(inotify_event) <= n;) {
       const auto *ev = reinterpret_cast<const inotify_event *>(buf.data() + at);
       at += (ssize_t)sizeof(inotify_event) + ev->len;
+      if (at > n) break;
       const char *name = ev->len ? ev->name : "";
       if (ev->wd == g_hp.rootWd) {
         if ((ev->mask & (IN_CREATE | IN_MOVED_TO)) && *name) {

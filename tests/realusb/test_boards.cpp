@@ -1,9 +1,11 @@
 // Two boards on one host under the usbfs bed, with the unmodified tool and the real
 // libusb-0.1: choosing an adapter, staying with it when it is pulled, taking it back.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -140,7 +142,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     EXPECT_NE(res.err.find("1-2 serial S, 1-3.1 serial S"), std::string::npos) << res.err;
     EXPECT_EQ(bench.bed.claims_of(bench.a) + bench.bed.claims_of(bench.b), 0u) << sel;
   }
-  for (const char *sel : {"bogus", "path:1-", "path:1-3..1", "dev:1", "dev:0/5", "serial:", "usb:1-2"}) {
+  for (const char *sel : {"bogus", "path:1-", "path:1-3..1", "dev:1", "dev:0/5", "serial:", "usb:1-2", ""}) {
     ToolRun r;
     r.args = {"-a", sel, "reg", "get", kReg};
     const ToolResult res = run_tool(r);
@@ -191,6 +193,12 @@ TEST_F(Boards, WithoutSelectorTheFirstIsTakenAndNamed) {
 TEST_F(Boards, PulledAdapterNeverMovesTheSessionToAnother) {
   std::string image(3000, '\0');
   for (size_t i = 0; i < image.size(); ++i) image[i] = (char)(i * 13 + 1);
+  // One image file for both runs: `spi update` prints its times. Reading it must not change
+  // them, so its access time is set ahead of the others.
+  const std::string img = make_temp_dir("img") + "/img.bin";
+  write_file(img, image);
+  const timespec times[2] = {{time(nullptr) + 3600, 0}, {time(nullptr) - 120, 0}};
+  utimensat(AT_FDCWD, img.c_str(), times, 0);
   struct Case {
     const char *what;
     std::vector<std::string> opts;
@@ -200,13 +208,12 @@ TEST_F(Boards, PulledAdapterNeverMovesTheSessionToAnother) {
   const std::vector<Case> cases = {
       {"reg set", {"-a", "path:1-3.1"}, std::string("reg get 0x4A180048\n") + kWrite + "reg get 0x4A180048\n", {}},
       {"after chgpage", {"-a", "serial:A1"}, std::string("reg chgpage spic\n") + kWrite, {}},
-      {"spi update", {"-a", "1-3.1"}, "spi update img.bin\nspi verify img.bin\n", {{"KIVTOOL_SIM_FAULTS", "unplug@40"}}},
+      {"spi update", {"-a", "1-3.1"}, "spi update " + img + "\nspi verify " + img + "\n", {{"KIVTOOL_SIM_FAULTS", "unplug@300"}}},
   };
   for (const Case &c : cases) {
     ToolResult seen[2];
     for (bool withB : {false, true}) {
       Bench bench("A1", "B2", withB, c.faults);
-      write_file(bench.dir + "/img.bin", image);
       seen[withB] = bench.run(c.opts, c.input, {}, [&](size_t line) {
         if (line == 1 && c.faults.empty()) bench.bed.pull(bench.a);
       });
