@@ -57,6 +57,9 @@ TEST(Tool, PipedLinesOnlyTheBareExitEndsTheLoop) {
   EXPECT_NE(run({}, "exit \nls\n").find(kListing), std::string::npos);   // " exit ": see tests/engine
   EXPECT_EQ(run({}, "\n\n\r\n\n"), "");                  // empty lines dispatch nothing
   EXPECT_EQ(run({}, "\n\nls\n\n"), run({}, "ls"));        // a last line without newline runs
+  // A script line is never a completion request: a Tab is a blank.
+  EXPECT_EQ(run({}, "reg set 0x4a180048 0x99\t\nreg\tget\t0x4a180048\t\n"),
+            "[0x4A180048]=0x0099\nSuccess!!\n[0x4A180048]=0x0099\nSuccess!!\n");
   // NUL bytes and over-long lines: no prompt, no echo, no crash.
   const std::string odd = run({}, std::string(5000, 'q') + "\n" + std::string("a\0b\n", 4));
   EXPECT_EQ(odd.find("qqqq"), std::string::npos);
@@ -135,9 +138,10 @@ TEST(Tool, OptionsAndExitStatus) {
   EXPECT_EQ(res.status, 0);
 }
 
-// Closed standard descriptors never go to the board's files (its state survives the run),
-// and output that cannot be written makes the run fail, said on standard error while it
-// works: -e, one-shot and --help alike.
+// Through one pipe standard output and standard error keep their order. Closed standard
+// descriptors never go to the board's files (its state survives the run), and output that
+// cannot be written makes the run fail, said on standard error while it works: -e,
+// one-shot and --help alike.
 TEST(Tool, ClosedAndFullOutputs) {
   const std::string dir = make_temp_dir();
   auto sh = [&](const std::string &cmd) {
@@ -146,6 +150,9 @@ TEST(Tool, ClosedAndFullOutputs) {
     EXPECT_EQ(system(("sh -c " + quoted(full)).c_str()), 0);
     return read_file(dir + "/code") + read_file(dir + "/err");
   };
+  EXPECT_EQ(sh("KIVTOOL_SIM_FLASH_OWNED=1 \"$K\" spi rdid 2>&1 | cat > out"), "0\n");
+  EXPECT_EQ(read_file(dir + "/out"),
+            std::string(kSdkLine) + "spi: could not own the flash (code -11)\nSPI Flash CMD Over\nSuccess!!\n");
   EXPECT_EQ(sh("\"$K\" reg set 0x100 0x5a5a >&-"), "1\nkivtool: write error: Bad file descriptor\n");
   EXPECT_EQ(sh("(\"$K\" reg set 0x104 0x77 2>&- <&- >out)"), "0\n");
   EXPECT_EQ(sh("echo 'reg set 0x108 9' | \"$K\" >&-"), "1\nkivtool: write error: Bad file descriptor\n");
@@ -159,22 +166,6 @@ TEST(Tool, ClosedAndFullOutputs) {
             "1\nkivtool: line 1 failed: ls\nkivtool: write error: No space left on device\n");
   EXPECT_EQ(sh("\"$K\" reg get 0x10c > out"), "0\n");   // the script stopped before its second line
   EXPECT_EQ(read_file(dir + "/out"), std::string(kSdkLine) + "[0x010C]=0x0000\nSuccess!!\n");
-}
-
-// A script is never a completion request: a Tab is a blank.
-TEST(Tool, PipedTabIsABlank) {
-  EXPECT_EQ(run({}, "reg set 0x4a180048 0x99\t\nreg\tget\t0x4a180048\t\n"),
-            "[0x4A180048]=0x0099\nSuccess!!\n[0x4A180048]=0x0099\nSuccess!!\n");
-}
-
-// Through one pipe, standard output and standard error keep their order.
-TEST(Tool, OutputOrderThroughAPipe) {
-  const std::string dir = make_temp_dir();
-  const std::string cmd = "cd " + dir + " && KIVTOOL_SIM=sim KIVTOOL_SIM_FLASH_OWNED=1 " KIVTOOL_PATH
-                          " spi rdid 2>&1 | cat > out";
-  ASSERT_EQ(system(cmd.c_str()), 0);
-  EXPECT_EQ(read_file(dir + "/out"),
-            std::string(kSdkLine) + "spi: could not own the flash (code -11)\nSPI Flash CMD Over\nSuccess!!\n");
 }
 
 // A failure whose cause the tool knows gets one hint on standard error, after the
