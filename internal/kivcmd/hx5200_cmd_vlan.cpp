@@ -46,7 +46,10 @@ kiv_int32 vlanSet(void **argv) {
   const uint32_t vid = cmd_nextNum(argv);
   // Fields without an argument are carried over from the entry being replaced.
   Entry old;
-  if (getEntry(vid, old) != 0) old.statefulmsk = 0;
+  if (const kiv_int32 rc = getEntry(vid, old); rc != 0) {
+    old.statefulmsk = 0;
+    if (rc != HXK_ERR_VLAN_ENTRY_NOT_FOUND) kiv_markLineFailed();   // the kept fields are unknown
+  }
   const uint32_t mbrmsk = cmd_nextNum(argv);
   const uint32_t untagmsk = cmd_nextNum(argv);
   const uint32_t fid = cmd_nextNum(argv);
