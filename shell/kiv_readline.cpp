@@ -34,6 +34,7 @@ constexpr char kBackspace = 8;
 constexpr unsigned kFlagCleanupRegistered = 1u << 0;
 constexpr unsigned kFlagResizeInstalled = 1u << 1;
 constexpr unsigned kFlagRawMode = 1u << 2;
+constexpr unsigned kFlagJobControl = 1u << 3;   // stop and continue handlers installed
 
 constexpr tcflag_t kRawClearedLocalFlags = ISIG | ICANON | ECHO | ECHONL;
 
@@ -72,6 +73,10 @@ constexpr std::array kEndingSignals = {SIGHUP,  SIGINT,  SIGQUIT, SIGILL,  SIGTR
                                        SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO, SIGPWR, SIGSYS};
 // Signals that stop the process by default (SIGSTOP cannot be caught; SIGCONT covers it).
 constexpr std::array kStopSignals = {SIGTSTP, SIGTTIN, SIGTTOU};
+// Handled only while a line is read (a handler that returns would cut a command's waits
+// short), with the dispositions they replace.
+constexpr std::array kJobControlSignals = {SIGTSTP, SIGTTIN, SIGTTOU, SIGCONT};
+std::array<struct sigaction, kJobControlSignals.size()> g_prevJobControl{};
 
 void bell() { putchar(kBell); }
 
@@ -309,21 +314,30 @@ void onContinueSignal(int) {
   errno = savedErrno;
 }
 
-// Installed once, for the signals whose default action is in force (an ignored one, as under
-// nohup, stays ignored).
-void installSignalHandlers() {
-  auto install = [](int sig, void (*fn)(int), int flags) {
-    struct sigaction sa {}, prev {};
-    sa.sa_handler = fn;
-    sigemptyset(&sa.sa_mask);
-    for (int stop : kStopSignals) sigaddset(&sa.sa_mask, stop);
-    sa.sa_flags = flags;
-    if (sigaction(sig, nullptr, &prev) == 0 && prev.sa_handler == SIG_DFL) sigaction(sig, &sa, nullptr);
-  };
-  for (int sig : kEndingSignals) install(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
-  for (int sig = SIGRTMIN; sig <= SIGRTMAX; ++sig) install(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
-  for (int sig : kStopSignals) install(sig, onStopSignal, SA_RESTART);
-  install(SIGCONT, onContinueSignal, SA_RESTART);
+// Installs fn for sig when its default action is in force (an ignored signal, as under
+// nohup, stays ignored); the stop signals are held while it runs.
+void installIfDefault(int sig, void (*fn)(int), int flags) {
+  struct sigaction sa {}, prev {};
+  sa.sa_handler = fn;
+  sigemptyset(&sa.sa_mask);
+  for (int stop : kStopSignals) sigaddset(&sa.sa_mask, stop);
+  sa.sa_flags = flags;
+  if (sigaction(sig, nullptr, &prev) == 0 && prev.sa_handler == SIG_DFL) sigaction(sig, &sa, nullptr);
+}
+
+// Installed once: their handlers end the process, so they may stay while commands run.
+void installEndingHandlers() {
+  for (int sig : kEndingSignals) installIfDefault(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
+  for (int sig = SIGRTMIN; sig <= SIGRTMAX; ++sig) installIfDefault(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
+}
+
+void installJobControlHandlers() {
+  for (size_t i = 0; i < kJobControlSignals.size(); ++i) {
+    const int sig = kJobControlSignals[i];
+    sigaction(sig, nullptr, &g_prevJobControl[i]);
+    installIfDefault(sig, sig == SIGCONT ? onContinueSignal : onStopSignal, SA_RESTART);
+  }
+  ed.flags |= kFlagJobControl;
 }
 
 void restoreTerminal() {
@@ -331,6 +345,11 @@ void restoreTerminal() {
     g_rawActive = 0;
     tcsetattr(0, TCSAFLUSH, &ed.saved);
     ed.flags &= ~kFlagRawMode;
+  }
+  if (ed.flags & kFlagJobControl) {
+    for (size_t i = 0; i < kJobControlSignals.size(); ++i)
+      sigaction(kJobControlSignals[i], &g_prevJobControl[i], nullptr);
+    ed.flags &= ~kFlagJobControl;
   }
   if (ed.flags & kFlagResizeInstalled) {
     sigaction(SIGWINCH, &ed.prevResize, nullptr);
@@ -444,7 +463,8 @@ int kiv_readLine(char *line, signed char lastTerminator) {
   if (tcgetattr(0, &ed.saved) == 0) {
     ed.raw = ed.saved;
     ed.raw.c_lflag &= ~kRawClearedLocalFlags;
-    if (!(ed.flags & kFlagCleanupRegistered)) installSignalHandlers();
+    if (!(ed.flags & kFlagCleanupRegistered)) installEndingHandlers();
+    installJobControlHandlers();
     std::atomic_signal_fence(std::memory_order_seq_cst);   // the saved settings before the flag
     g_rawActive = 1;
     tcsetattr(0, TCSAFLUSH, &ed.raw);

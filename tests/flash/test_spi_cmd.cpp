@@ -155,7 +155,8 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
                            " -e spi dumptobin 0 0x10000 > out); echo $? > code";
   ASSERT_EQ(system(("sh -c " + ::quoted(dump)).c_str()), 0);
   EXPECT_EQ(read_file(b.cwd + "/code"), "1\n");
-  EXPECT_EQ(read_file(b.cwd + "/out"), std::string(kSdkLine) + "FILE flash_copy.bin write fail: File too large\n" + kOk);
+  EXPECT_EQ(read_file(b.cwd + "/out"),
+            std::string(kSdkLine) + "FILE flash_copy.bin write fail: File too large\n" + kOk);
 
   // Programming over data that was not erased shows in the check that follows.
   EXPECT_EQ(norm(b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n")),

@@ -159,8 +159,8 @@ TEST(Tool, ClosedAndFullOutputs) {
   EXPECT_EQ(sh("\"$K\" reg get 0x100 > out && \"$K\" reg get 0x104 >> out && \"$K\" reg get 0x108 >> out"), "0\n");
   EXPECT_EQ(read_file(dir + "/out"), std::string(kSdkLine) + "[0x0100]=0x5A5A\nSuccess!!\n" + kSdkLine +
                                          "[0x0104]=0x0077\nSuccess!!\n" + kSdkLine + "[0x0108]=0x0009\nSuccess!!\n");
-  for (const char *cmd : {"\"$K\" -e reg get 0 > /dev/full", "\"$K\" reg get 0 > /dev/full", "\"$K\" --help > /dev/full",
-                          "echo ls | \"$K\" > /dev/full"})
+  for (const char *cmd : {"\"$K\" -e reg get 0 > /dev/full", "\"$K\" reg get 0 > /dev/full",
+                          "\"$K\" --help > /dev/full", "echo ls | \"$K\" > /dev/full"})
     EXPECT_EQ(sh(cmd), "1\nkivtool: write error: No space left on device\n") << cmd;
   EXPECT_EQ(sh("printf 'ls\\nreg set 0x10c 1\\n' | \"$K\" -e > /dev/full"),
             "1\nkivtool: line 1 failed: ls\nkivtool: write error: No space left on device\n");

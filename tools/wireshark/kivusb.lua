@@ -170,7 +170,8 @@ local function dissect_short_header(tvb, pinfo, tree, truncated)
   t:add(f.magic, tvb(0, 6))
   if code then t:add(f.code, tvb(8, 1)) end
   t:add_proto_expert_info(truncated and ef.truncated or ef.short_header)
-  pinfo.cols.info = code and string.format("Command 0x%02x %s (header cut short)", code, code_names[code] or "(unknown)")
+  pinfo.cols.info = code
+    and string.format("Command 0x%02x %s (header cut short)", code, code_names[code] or "(unknown)")
     or "Command (header cut short)"
   last_cmd[device_key()] = { code = code, cut = true }
 end
