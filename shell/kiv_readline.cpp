@@ -34,6 +34,7 @@ constexpr char kBackspace = 8;
 constexpr unsigned kFlagCleanupRegistered = 1u << 0;
 constexpr unsigned kFlagResizeInstalled = 1u << 1;
 constexpr unsigned kFlagRawMode = 1u << 2;
+constexpr unsigned kFlagJobControl = 1u << 3;   // stop and continue handlers installed
 
 constexpr tcflag_t kRawClearedLocalFlags = ISIG | ICANON | ECHO | ECHONL;
 
@@ -71,10 +72,20 @@ struct Watch {
 Watch g_watch;
 
 volatile sig_atomic_t g_resizePending = 0;
-volatile sig_atomic_t g_rawActive = 0;   // raw mode, as the ending-signal handler sees it
+volatile sig_atomic_t g_rawActive = 0;   // raw mode, as the signal handlers see it
+volatile sig_atomic_t g_redrawPending = 0;   // back from a stop: prompt and line to draw again
 
-// Signals that end the process by default and may come while the terminal is raw.
-constexpr std::array<int, 3> kEndingSignals = {SIGTERM, SIGHUP, SIGQUIT};
+// Signals whose default action ends the process (SIGKILL aside), and the real-time ones
+// from SIGRTMIN on: any of them may come while the terminal is raw.
+constexpr std::array kEndingSignals = {SIGHUP,  SIGINT,  SIGQUIT, SIGILL,  SIGTRAP,   SIGABRT, SIGBUS,  SIGFPE,
+                                       SIGUSR1, SIGSEGV, SIGUSR2, SIGPIPE, SIGALRM,   SIGTERM, SIGSTKFLT, SIGXCPU,
+                                       SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO, SIGPWR, SIGSYS};
+// Signals that stop the process by default (SIGSTOP cannot be caught; SIGCONT covers it).
+constexpr std::array kStopSignals = {SIGTSTP, SIGTTIN, SIGTTOU};
+// Handled only while a line is read (a handler that returns would cut a command's waits
+// short), with the dispositions they replace.
+constexpr std::array kJobControlSignals = {SIGTSTP, SIGTTIN, SIGTTOU, SIGCONT};
+std::array<struct sigaction, kJobControlSignals.size()> g_prevJobControl{};
 
 void bell() { putchar(kBell); }
 
@@ -254,12 +265,15 @@ void installResizeHandler() {
   sigaction(SIGWINCH, &sa, &ed.prevResize);
   // The resize signal is held back except while waiting for a key, so it cannot slip in
   // between the check for a pending resize and the wait (and be missed until a key comes).
+  // The continue signal likewise, so that a redraw after a stop is never missed.
   sigset_t resize;
   sigemptyset(&resize);
   sigaddset(&resize, SIGWINCH);
+  sigaddset(&resize, SIGCONT);
   sigprocmask(SIG_BLOCK, &resize, &ed.prevMask);
   ed.waitMask = ed.prevMask;
   sigdelset(&ed.waitMask, SIGWINCH);
+  sigdelset(&ed.waitMask, SIGCONT);
   ed.flags |= kFlagResizeInstalled;
   followWidth(false);
 }
@@ -272,17 +286,67 @@ void onEndingSignal(int sig) {
   raise(sig);
 }
 
-// Installed once, for the signals whose default action is in force (an ignored one, as under
-// nohup, stays ignored).
-void installEndingHandlers() {
-  struct sigaction sa {};
-  sa.sa_handler = onEndingSignal;
+// Raw mode again after a stop, with the prompt and the line to be drawn by the key loop. In
+// the background the terminal is left alone (reading there stops the process again).
+void reenterRawMode() {
+  if (!g_rawActive || tcgetpgrp(0) != getpgrp()) return;
+  tcsetattr(0, TCSANOW, &ed.raw);
+  g_redrawPending = 1;
+}
+
+// A stop at the prompt: the terminal gets its settings back, then the process stops by the
+// signal's default action and goes on here after the continue signal (or at once, where the
+// system drops the stop: in an orphaned process group). The stop signals are held while
+// this runs, so that setting the terminal from the background does not stop it again.
+void onStopSignal(int sig) {
+  const int savedErrno = errno;
+  if (g_rawActive) tcsetattr(0, TCSANOW, &ed.saved);
+  struct sigaction dfl {}, mine {};
+  dfl.sa_handler = SIG_DFL;
+  sigemptyset(&dfl.sa_mask);
+  sigaction(sig, &dfl, &mine);
+  raise(sig);   // pending until it is let through below
+  sigset_t only, held;
+  sigemptyset(&only);
+  sigaddset(&only, sig);
+  sigprocmask(SIG_UNBLOCK, &only, &held);   // the process stops here
+  sigprocmask(SIG_SETMASK, &held, nullptr);
+  sigaction(sig, &mine, nullptr);
+  reenterRawMode();
+  errno = savedErrno;
+}
+
+// Continued while a line is read, after a stop of any kind (SIGSTOP too).
+void onContinueSignal(int) {
+  const int savedErrno = errno;
+  reenterRawMode();
+  errno = savedErrno;
+}
+
+// Installs fn for sig when its default action is in force (an ignored signal, as under
+// nohup, stays ignored); the stop signals are held while it runs.
+void installIfDefault(int sig, void (*fn)(int), int flags) {
+  struct sigaction sa {}, prev {};
+  sa.sa_handler = fn;
   sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESETHAND | SA_NODEFER;
-  for (int sig : kEndingSignals) {
-    struct sigaction prev {};
-    if (sigaction(sig, nullptr, &prev) == 0 && prev.sa_handler == SIG_DFL) sigaction(sig, &sa, nullptr);
+  for (int stop : kStopSignals) sigaddset(&sa.sa_mask, stop);
+  sa.sa_flags = flags;
+  if (sigaction(sig, nullptr, &prev) == 0 && prev.sa_handler == SIG_DFL) sigaction(sig, &sa, nullptr);
+}
+
+// Installed once: their handlers end the process, so they may stay while commands run.
+void installEndingHandlers() {
+  for (int sig : kEndingSignals) installIfDefault(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
+  for (int sig = SIGRTMIN; sig <= SIGRTMAX; ++sig) installIfDefault(sig, onEndingSignal, SA_RESETHAND | SA_NODEFER);
+}
+
+void installJobControlHandlers() {
+  for (size_t i = 0; i < kJobControlSignals.size(); ++i) {
+    const int sig = kJobControlSignals[i];
+    sigaction(sig, nullptr, &g_prevJobControl[i]);
+    installIfDefault(sig, sig == SIGCONT ? onContinueSignal : onStopSignal, SA_RESTART);
   }
+  ed.flags |= kFlagJobControl;
 }
 
 void restoreTerminal() {
@@ -290,6 +354,11 @@ void restoreTerminal() {
     g_rawActive = 0;
     tcsetattr(0, TCSAFLUSH, &ed.saved);
     ed.flags &= ~kFlagRawMode;
+  }
+  if (ed.flags & kFlagJobControl) {
+    for (size_t i = 0; i < kJobControlSignals.size(); ++i)
+      sigaction(kJobControlSignals[i], &g_prevJobControl[i], nullptr);
+    ed.flags &= ~kFlagJobControl;
   }
   if (ed.flags & kFlagResizeInstalled) {
     sigaction(SIGWINCH, &ed.prevResize, nullptr);
@@ -322,6 +391,11 @@ int readKey() {
     if (g_resizePending) {
       g_resizePending = 0;
       followWidth(true);
+    }
+    if (g_redrawPending) {
+      g_redrawPending = 0;
+      redraw(0, ed.len - ed.cursor);   // the shell left the cursor at the start of a row
+      fflush(stdout);
     }
     fd_set in;
     FD_ZERO(&in);
@@ -424,6 +498,7 @@ int kiv_readLine(char *line, signed char lastTerminator) {
     ed.raw = ed.saved;
     ed.raw.c_lflag &= ~kRawClearedLocalFlags;
     if (!(ed.flags & kFlagCleanupRegistered)) installEndingHandlers();
+    installJobControlHandlers();
     std::atomic_signal_fence(std::memory_order_seq_cst);   // the saved settings before the flag
     g_rawActive = 1;
     tcsetattr(0, TCSAFLUSH, &ed.raw);

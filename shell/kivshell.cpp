@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -65,7 +66,10 @@ constexpr char kUsage[] =
     "\"Incomplete command\" (a parameter missing: nothing ran),\n"
     "when the command refuses one of its words (\"Error on <n>th token\" or a list of several\n"
     "candidates), or when the command reports a failure in its own messages (flash mismatch,\n"
-    "flash read, erase or program failed, a file that cannot be read, vlan table get failed).\n"
+    "flash read, erase or program failed, a file that cannot be read or written, vlan table\n"
+    "get or init failed, an unknown page, a value printed after a failed register read), or\n"
+    "when its output could not be written. A script line of more than 1022 characters is\n"
+    "not run (named on standard error) and fails.\n"
     "\n"
     "Environment (read at start-up):\n"
     "  KIVTOOL_SIM=<dir>          the simulated board kept in <dir> instead of the USB adapter\n"
@@ -76,10 +80,12 @@ constexpr char kUsage[] =
     "  KIVTOOL_TRACE=1            print every register access of the reg commands\n"
     "  KIVTOOL_ADAPTER=SEL        as -a SEL (the option wins)\n"
     "  KIVTOOL_HOTPLUG=0          at the prompt, do not report the adapter leaving or coming\n"
+    "                             back\n"
     "\n"
     "Exit status: 0, also when a command failed (look for Success!! or Errno :); with -e,\n"
     "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"
-    "unknown option or a malformed adapter selector.\n"
+    "unknown option or a malformed adapter selector. 1 when standard output or error could\n"
+    "not be written (any run).\n"
     "\n"
     "Documentation: README.md (use, a real adapter, keys, scripting, capture), docs/board.md\n"
     "(the simulated board), udev/60-kivtool.rules (access to the adapter without root),\n"
@@ -187,22 +193,36 @@ void bringUpInterface() {
   }
 }
 
+// Characters of the last plain line, counted in full when it did not fit (0 when it did).
+long g_plainOverflow = 0;
+
 // Reads one line from a non-terminal standard input: no prompt, no echo, CR LF counts
-// as LF, NUL bytes are dropped, characters beyond what the editor would accept are
-// dropped, and a last line without a newline still counts. Same result contract as
-// kiv_readLine.
+// as LF, NUL bytes are dropped, and a last line without a newline still counts. Same
+// result contract as kiv_readLine. A line with more characters than the editor would
+// accept is read to its end and left in g_plainOverflow: it must not run cut short.
 int readPlainLine(char *line) {
   constexpr int kMaxChars = KIV_LINE_SIZE - 2;
   int len = 0;
+  long total = 0;
   int c;
   bool any = false;
+  bool heldCr = false;   // a CR past the last place: fine if the line ends right after it
+  g_plainOverflow = 0;
   while ((c = getchar()) != EOF) {
     any = true;
     if (c == '\n') break;
     if (c == '\0') continue;
     if (c == '\t') c = ' ';   // never a completion request: there is no editor to complete into
-    if (len < kMaxChars) line[len++] = static_cast<char>(c);
+    ++total;
+    if (heldCr) g_plainOverflow = 1;
+    if (len < kMaxChars)
+      line[len++] = static_cast<char>(c);
+    else if (c == '\r' && !heldCr)
+      heldCr = true;
+    else
+      g_plainOverflow = 1;
   }
+  if (g_plainOverflow) g_plainOverflow = total;
   if (!any) return -1;
   if (len > 0 && line[len - 1] == '\r') --len;
   line[len++] = '\n';
@@ -260,10 +280,20 @@ int runInteractive(bool errexit) {
       lastTerminator = 0;
       continue;
     }
+    if (g_plainOverflow) {
+      fflush(stdout);
+      fprintf(stderr, "kivtool: line %ld not run: %ld characters, at most %d fit\n", lineNo, g_plainOverflow,
+              KIV_LINE_SIZE - 2);
+      if (errexit) return kStatusFailed;
+      lastTerminator = 0;
+      continue;
+    }
     int len = static_cast<int>(strlen(g_line));
     kiv_processLine(g_line, len);
     kiv_hintAfterLine();
-    if (errexit && !terminal && kiv_lineFailed()) {
+    // A line whose output could not be written failed as well.
+    const bool lost = fflush(stdout) != 0 || ferror(stdout);
+    if (errexit && !terminal && (kiv_lineFailed() || lost)) {
       fflush(stdout);
       fprintf(stderr, "kivtool: line %ld failed: %s\n", lineNo, g_line);
       return kStatusFailed;
@@ -377,6 +407,34 @@ int kiv_buildPrompt(char *prompt, int /*size*/, char *line, signed char lastTerm
   else
     line[0] = '\0';
   return 0;
+}
+
+void kivshell_guardStdDescriptors(void) {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    // The lowest free descriptor is this one. Opened for the other direction, so that the
+    // tool still meets a closed descriptor there: input ends at once, output fails.
+    const int got = open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    if (got > STDERR_FILENO) close(got);
+  }
+}
+
+int kivshell_finishOutput(int status) {
+  const bool flushFailed = fflush(stdout) != 0;
+  const int err = errno;
+  const bool outFailed = flushFailed || ferror(stdout);
+  if (outFailed) {
+    // The reason is known when the last flush failed; a closed descriptor still tells.
+    int reason = flushFailed ? err : 0;
+    if (reason == 0 && write(STDOUT_FILENO, "", 0) < 0) reason = errno;
+    if (reason != 0)
+      fprintf(stderr, "kivtool: write error: %s\n", strerror(reason));
+    else
+      fputs("kivtool: write error\n", stderr);
+  }
+  const bool errFailed = fflush(stderr) != 0 || ferror(stderr);
+  if ((outFailed || errFailed) && status == 0) return kStatusFailed;
+  return status;
 }
 
 int kivshell_main(int argc, char **argv) {

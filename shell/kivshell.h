@@ -9,6 +9,12 @@
 #define KIV_PROMPT_SIZE 64
 
 int kivshell_main(int argc, char **argv);
+// Before anything is opened: a closed standard descriptor gets "/dev/null", so that no file
+// of the tool can take its number.
+void kivshell_guardStdDescriptors(void);
+// At the end: a failed write on standard output or error makes a zero status 1 (said on
+// standard error while it works).
+int kivshell_finishOutput(int status);
 
 void kiv_loadConfig(void);
 int kiv_processLine(char *line, int length);

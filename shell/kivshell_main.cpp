@@ -1,3 +1,6 @@
 #include "shell/kivshell.h"
 
-int main(int argc, char **argv) { return kivshell_main(argc, argv); }
+int main(int argc, char **argv) {
+  kivshell_guardStdDescriptors();
+  return kivshell_finishOutput(kivshell_main(argc, argv));
+}

@@ -88,16 +88,21 @@ constexpr std::array<const char *, 5> kChipVersionText{{
     "\nSwitch Chip Version: Formal Chip",
 }};
 
+// A version that cannot be read prints nothing; the line fails all the same (-e).
 kiv_int32 getFwver(void **) {
   uint32_t value = 0;
-  if (reg_read(1, kFwVersionReg, &value) == 0) printf("\nFirmware Version 0x%x\n", value);
+  if (reg_read(1, kFwVersionReg, &value) == 0)
+    printf("\nFirmware Version 0x%x\n", value);
+  else
+    kiv_markLineFailed();
   return 0;
 }
 
 kiv_int32 getChipver(void **) {
   uint32_t value = 0;
-  if (reg_read(1, kChipVersionReg, &value) == 0 && value < kChipVersionText.size() &&
-      kChipVersionText[value] != nullptr)
+  if (reg_read(1, kChipVersionReg, &value) != 0)
+    kiv_markLineFailed();
+  else if (value < kChipVersionText.size() && kChipVersionText[value] != nullptr)
     puts(kChipVersionText[value]);
   return 0;
 }

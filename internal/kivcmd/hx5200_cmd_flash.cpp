@@ -78,10 +78,45 @@ struct FileCloser {
   }
 };
 
-// Opens a file named on the command line for binary reading; says so when it cannot.
+// `err` of open_flash_file() for a file that opened but is not a regular file.
+constexpr int kNotRegular = -1;
+
+const char *open_failure(int err) { return err == kNotRegular ? "not a regular file" : std::strerror(err); }
+
+// Opens a file a flash command reads (or, with forWrite, creates and empties) in binary
+// mode. It is opened without waiting (a FIFO would wait for its other end while the flash
+// is held) and kept only when it is a regular file; callers do this before any erase. On
+// failure: null, with the reason in `err` (an errno value or kNotRegular).
+FILE *open_flash_file(const char *file, bool forWrite, int &err) {
+  const int flags = (forWrite ? O_WRONLY | O_CREAT : O_RDONLY) | O_NONBLOCK | O_CLOEXEC;
+  const int fd = file ? open(file, flags, 0666) : -1;
+  err = file ? errno : ENOENT;
+  if (fd < 0) return nullptr;
+  struct stat st{};
+  FILE *f = nullptr;
+  if (fstat(fd, &st) != 0) {
+    err = errno;
+  } else if (!S_ISREG(st.st_mode)) {
+    err = kNotRegular;
+  } else if (forWrite && ftruncate(fd, 0) != 0) {
+    err = errno;
+  } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0 ||
+             !(f = fdopen(fd, forWrite ? "wb" : "rb"))) {
+    err = errno;
+  }
+  if (!f) close(fd);
+  return f;
+}
+
+// Opens a file named on the command line for binary reading; says so when it cannot (the
+// reason on standard error).
 FILE *open_image(const char *file) {
-  FILE *f = file ? std::fopen(file, "rb") : nullptr;
-  if (!f) printf("FILE %s open fail!\n", file ? file : "");
+  int err = 0;
+  FILE *f = open_flash_file(file, false, err);
+  if (!f) {
+    printf("FILE %s open fail!\n", file ? file : "");
+    std::fprintf(stderr, "spi: %s: %s\n", file ? file : "", open_failure(err));
+  }
   return f;
 }
 
@@ -139,8 +174,13 @@ struct Source {
 // Compares the source with the flash from flashAddr, 256 bytes at a time, for at most
 // `limit` bytes; goes on while a chunk of at least 16 bytes came from the source. `total`
 // only sizes the progress display. `detail` adds the first differing byte to the mismatch
-// report. A source that cannot be read ends the comparison without a verdict.
-int32_t compare_image(Source &src, uint32_t flashAddr, uint64_t limit, uint64_t total, bool detail) {
+// report. A source that cannot be read ends the comparison without a verdict. Nothing is
+// compared past `room`, the flash left from flashAddr (the flash would wrap the address):
+// a source with more to compare there fails.
+int32_t compare_image(Source &src, uint32_t flashAddr, uint64_t limit, uint64_t total, bool detail,
+                      uint64_t room = UINT64_MAX) {
+  const uint64_t wanted = limit;
+  limit = std::min(limit, room);
   std::array<uint8_t, 256> fileBuf{}, flashBuf{};
   uint64_t compared = 0;
   Progress progress("verify", total);
@@ -173,6 +213,14 @@ int32_t compare_image(Source &src, uint32_t flashAddr, uint64_t limit, uint64_t 
     progress.update(compared);
   } while (n >= 16 && compared < limit);
   progress.finish();
+  if (compared == room && wanted > room) {
+    const long more = src.take(fileBuf.data(), 1);
+    if (more < 0) return -1;
+    if (more > 0) {
+      printf("Image goes past the end of the flash at 0x%06llx, not compared\n", (unsigned long long)(flashAddr));
+      return -1;
+    }
+  }
   printf("Matched: Compare Image Length %d\n", (int)compared);
   return 0;
 }
@@ -212,24 +260,18 @@ bool read_image(const char *file, uint64_t offset, uint64_t len, uint32_t base, 
     return false;
   };
   auto failed = [file](const char *what, int err) {
-    printf("File %s: %s: %s, nothing written\n", file, what, std::strerror(err));
+    if (err == kNotRegular)
+      printf("File %s is not a regular file, nothing written\n", file);
+    else
+      printf("File %s: %s: %s, nothing written\n", file, what, std::strerror(err));
     return false;
   };
-  // Opened without waiting (a FIFO would wait for a writer), then checked.
-  const int fd = open(file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return failed("cannot open", errno);
-  FILE *f = fdopen(fd, "rb");
-  if (!f) {
-    const int err = errno;
-    close(fd);
-    return failed("cannot open", err);
-  }
+  int openErr = 0;
+  FILE *f = open_flash_file(file, false, openErr);
+  if (!f) return failed("cannot open", openErr);
   FileCloser closer{f};
   struct stat st{};
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    printf("File %s is not a regular file, nothing written\n", file);
-    return false;
-  }
+  if (fstat(fileno(f), &st) != 0) return failed("cannot open", errno);
   const uint64_t size = (uint64_t)st.st_size;
   const uint64_t expected = size > offset ? std::min(size - offset, len) : 0;
   if (expected > room) return tooLarge(expected);
@@ -321,9 +363,12 @@ Outcome sub_erase(void **argv) {
   // The flash sees 24 address bits: one pass over them erases everything a longer range
   // would, so the count is bounded there (a range up to 0xFFFFFFFF must still end).
   const uint64_t most = 1u << (24 - shift);
+  // Every number is erased; the first failure is the range's result.
   int32_t rc = 0;
-  for (uint64_t n = first; n <= last && n - first < most; ++n)
-    rc = erase_one((uint32_t)(n << shift), sector ? SPIF_ERASE_SECTOR : SPIF_ERASE_BLOCK);
+  for (uint64_t n = first; n <= last && n - first < most; ++n) {
+    const int32_t one = erase_one((uint32_t)(n << shift), sector ? SPIF_ERASE_SECTOR : SPIF_ERASE_BLOCK);
+    if (rc == 0) rc = one;
+  }
   return {rc};
 }
 
@@ -404,12 +449,19 @@ Outcome sub_getsysdly(void **) {
 
 Outcome sub_dumptobin(void **argv) {
   uint32_t start = cmd_nextNum(argv), len = cmd_nextNum(argv);
-  FILE *f = std::fopen(kDumpFile, "wb");
+  int err = 0;
+  FILE *f = open_flash_file(kDumpFile, true, err);
   if (!f) {
     printf("FILE %s open fail!\n", kDumpFile);
+    std::fprintf(stderr, "spi: %s: %s\n", kDumpFile, open_failure(err));
     return {-1};
   }
+  // The file is closed here so that a failed close (the last data not written) is seen.
   FileCloser closer{f};
+  auto writeFailed = [&](int why) {
+    printf("FILE %s write fail: %s\n", kDumpFile, std::strerror(why));
+    return Outcome{-1};
+  };
   if (len > kDumpMax) return {-1};
   std::vector<uint8_t> buf(len);
   {
@@ -425,8 +477,24 @@ Outcome sub_dumptobin(void **argv) {
       progress.update(done);
     } while (done < len);
   }
-  if (len && std::fwrite(buf.data(), 1, len, f) != len) return {-1};
+  errno = 0;
+  if (len && std::fwrite(buf.data(), 1, len, f) != len) return writeFailed(errno ? errno : EIO);
+  closer.f = nullptr;
+  errno = 0;
+  if (std::fclose(f) != 0) return writeFailed(errno ? errno : EIO);
   return {0};
+}
+
+// The flash left from `from` to the end of the flash (its size from the identification);
+// false, said on standard output, when the flash cannot be identified.
+bool flash_room(uint32_t from, uint64_t &room) {
+  uint32_t capacity = 0;
+  if (const int32_t rc = spi_flash_capacity(&capacity); rc != 0) {
+    printf("Cannot identify the flash (code %d), nothing compared\n", (int)rc);
+    return false;
+  }
+  room = from < capacity ? capacity - from : 0;
+  return true;
 }
 
 Outcome sub_verify(void **argv) {
@@ -436,8 +504,10 @@ Outcome sub_verify(void **argv) {
   FileCloser closer{f};
   struct stat st{};
   uint64_t size = fstat(fileno(f), &st) == 0 ? (uint64_t)st.st_size : 0;
+  uint64_t room = 0;
+  if (!flash_room(0, room)) return {-1};
   Source src{f, file};
-  return {compare_image(src, 0, UINT64_MAX, size, false)};
+  return {compare_image(src, 0, UINT64_MAX, size, false, room)};
 }
 
 Outcome sub_verifywithbase(void **argv) {
@@ -447,8 +517,10 @@ Outcome sub_verifywithbase(void **argv) {
   if (!f) return {-1};
   FileCloser closer{f};
   if (std::fseek(f, fileStart, SEEK_SET) != 0) return {-1};
+  uint64_t room = 0;
+  if (!flash_room(flashStart, room)) return {-1};
   Source src{f, file};
-  return {compare_image(src, flashStart, len, len, false)};
+  return {compare_image(src, flashStart, len, len, false, room)};
 }
 
 // Makes the flash writable before the configuration area is rewritten.
@@ -456,13 +528,15 @@ int32_t prepare_flash(void) { return spi_flash_clear_protect(); }
 
 Outcome sub_updatecfg(void **argv) {
   const char *file = cmd_nextStr(argv);
-  prepare_flash();
-  spi_flash_erase(kCfgOffset, SPIF_ERASE_SECTOR);
-  spi_flash_erase(kCfgOffset + 0x1000, SPIF_ERASE_SECTOR);
+  // The file is opened and checked before anything is erased.
   FILE *f = open_image(file);
   if (!f) return {-1};
   FileCloser closer{f};
-  std::fseek(f, kCfgOffset, SEEK_SET);
+  // Every step runs as it always has; the first failure is the subcommand's result.
+  int32_t rc = prepare_flash();
+  for (uint32_t sector : {kCfgOffset, kCfgOffset + 0x1000})
+    if (const int32_t erased = spi_flash_erase(sector, SPIF_ERASE_SECTOR); rc == 0) rc = erased;
+  if (std::fseek(f, kCfgOffset, SEEK_SET) != 0 && rc == 0) rc = -1;
   // With the configuration window open the controller's flash address 0 is the start of
   // the configuration area, so the chunks are programmed counting from 0.
   reg_write(1, PAGE_REG_ADDR, PAGE_SWCORE);
@@ -471,8 +545,7 @@ Outcome sub_updatecfg(void **argv) {
   std::array<uint8_t, 256> buf{};
   uint32_t written = 0, counter = 0, percent = 0;
   constexpr uint32_t kStep = kCfgMax / 100;
-  int32_t rc = 0;
-  while (written <= kCfgMax) {
+  while (rc == 0 && written <= kCfgMax) {
     if (counter >= kStep) {
       counter -= kStep;
       ++percent;

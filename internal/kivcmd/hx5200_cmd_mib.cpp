@@ -193,6 +193,13 @@ void mibDelay(uint32_t units) {
   }
 }
 
+// A failed read or reset the command shows only by the values it prints: the line counts
+// as failed all the same (-e).
+int32_t noted(int32_t rc) {
+  if (rc != 0) kiv_markLineFailed();
+  return rc;
+}
+
 int mibOver() {
   puts("MIB command Over");
   return 0;
@@ -224,7 +231,7 @@ template <size_t N>
 uint64_t sumCounters(const std::array<uint32_t, N> &idx, uint32_t port, uint32_t &buf) {
   uint64_t total = 0;
   for (uint32_t i : idx) {
-    hxk_mib_counterRead(HXK_MIB_PORT_INDEX_BASE + i, port, &buf);
+    noted(hxk_mib_counterRead(HXK_MIB_PORT_INDEX_BASE + i, port, &buf));
     total += buf;
   }
   return total;
@@ -252,7 +259,7 @@ void readPort(uint32_t n) {
   const uint32_t base = byte & 0xF0u, port = byte & 0x0Fu;
   uint32_t v = 0;
   for (uint32_t i = 0; i < MIB_PORT_COUNTERS; ++i) {
-    hxk_mib_counterRead(HXK_MIB_PORT_INDEX_BASE + i, port, &v);
+    noted(hxk_mib_counterRead(HXK_MIB_PORT_INDEX_BASE + i, port, &v));
     if (base == 0xA0)
       printUnnamed(i, v);
     else
@@ -263,7 +270,7 @@ void readPort(uint32_t n) {
 void readSys() {
   uint32_t v = 0;
   for (uint32_t i = 0; i < MIB_SYS_COUNTERS; ++i) {
-    hxk_mib_counterRead(i, 0, &v);
+    noted(hxk_mib_counterRead(i, 0, &v));
     printNamed(i, kSysNames[i], v);
   }
 }
@@ -273,7 +280,7 @@ void readSys() {
 void readLag(uint32_t group) {
   uint32_t v = 0;
   for (uint32_t i = 0; i < MIB_LAG_COUNTERS; ++i) {
-    reg_read(1, MIB_LAG_BASE + group * MIB_LAG_GROUP_STRIDE + 4 * i, &v);
+    noted(reg_read(1, MIB_LAG_BASE + group * MIB_LAG_GROUP_STRIDE + 4 * i, &v));
     printNamed(i, kLagNames[i], v);
   }
 }
@@ -281,7 +288,7 @@ void readLag(uint32_t group) {
 void readRoute(uint32_t rport) {
   uint32_t v = 0;
   for (uint32_t i = 0; i < MIB_ROUTE_COUNTERS; ++i) {
-    reg_read(1, MIB_ROUTE_BASE + rport * MIB_ROUTE_STRIDE + 4 * i, &v);
+    noted(reg_read(1, MIB_ROUTE_BASE + rport * MIB_ROUTE_STRIDE + 4 * i, &v));
     printNamed(i, kLagNames[i], v);
   }
 }
@@ -304,7 +311,7 @@ bool monitorPass(Monitor &m) {
     printf("\n=== packet CRC error, Test Fail !! ===");
     if (m.mode & 1u) stopped = true;
   }
-  hx5200_port_linkWordGet(m.port, &m.link);
+  noted(hx5200_port_linkWordGet(m.port, &m.link));
   if (m.lossSeen) {
     printf("\n==== port %d link down   test fail!!===\n", static_cast<int>(m.port));
     if (m.mode & 2u) stopped = true;
@@ -314,6 +321,7 @@ bool monitorPass(Monitor &m) {
     if (m.mode & 2u) stopped = true;
   }
   fflush(stdout);
+  if (stopped) kiv_markLineFailed();   // the monitor ends only on a failed test
   return stopped;
 }
 
@@ -360,10 +368,7 @@ bool logAppend(const char *name, const char *fmt, uint32_t type, uint32_t addr, 
     printf("\nfile open fail");
     return false;
   }
-  if (type == 0)
-    asic_reg_read(addr, &value);
-  else
-    hx5200_ocp_read(addr, &value);
+  noted(type == 0 ? asic_reg_read(addr, &value) : hx5200_ocp_read(addr, &value));
   fprintf(f, fmt, value);
   fclose(f);
   return true;
@@ -438,7 +443,7 @@ int rwaketest(uint32_t port) {
 // Those that return without their own result end with the closing line.
 
 int mibEnable(void **) {
-  hxk_mib_enable();
+  noted(hxk_mib_enable());
   return mibOver();
 }
 
@@ -485,13 +490,13 @@ int mibDumpreg(void **argv) {
 int mibRwaketest(void **argv) { return rwaketest(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu); }
 
 int mibClear(void **argv) {
-  hxk_mib_portCounterReset(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu);   // a port above 15 is refused, ignored
+  noted(hxk_mib_portCounterReset(cmd_nextNumOrLast(argv, &g_mibArg) & 0xFFu));   // a port above 15 is refused
   return mibOver();
 }
 
 int mibClearall(void **) {
-  hxk_mib_counterReset((1u << MIB_PORTS) - 1, 1);
-  reg_field_write(1, MIB_GLOBAL_RESET, MIB_GLOBAL_RESET_DONE_LSP, MIB_GLOBAL_RESET_DONE_LEN, 3);
+  noted(hxk_mib_counterReset((1u << MIB_PORTS) - 1, 1));
+  noted(reg_field_write(1, MIB_GLOBAL_RESET, MIB_GLOBAL_RESET_DONE_LSP, MIB_GLOBAL_RESET_DONE_LEN, 3));
   return mibOver();
 }
 

@@ -53,6 +53,13 @@ uint32_t indirHighByte = 0;
 // whole word 0..31 gives the mask 0 (as the tool has always behaved).
 constexpr uint32_t fieldMask(uint32_t start, uint32_t end) { return (1u << ((end - start + 1u) & 31u)) - 1u; }
 
+// A failure the command shows only by what it prints: the line counts as failed all the
+// same (-e). Returns rc.
+kiv_int32 noteFailure(kiv_int32 rc) {
+  if (rc != 0) kiv_markLineFailed();
+  return rc;
+}
+
 // ---- reg ----------------------------------------------------------------------------------
 using WriteFn = int32_t (*)(uint32_t addr, uint32_t value);
 using ReadFn = int32_t (*)(uint32_t addr, uint32_t *value);
@@ -85,12 +92,12 @@ kiv_int32 regSetBit(void **argv) {
   if (bit > 31) return -1;   // the bit operation refuses it (ACCESS_BAD_BITS); the command reports -1
   // Read, modify, write: the write is made even when the read failed.
   uint32_t value = 0;
-  (void)asic_reg_read(addr, &value);
+  const kiv_int32 readRc = asic_reg_read(addr, &value);
   if (on != 0)
     value |= 1u << bit;
   else
     value &= ~(1u << bit);
-  (void)asic_reg_write(addr, value);
+  if (asic_reg_write(addr, value) != 0 || readRc != 0) kiv_markLineFailed();
   printf("reg [0x%4.4X] bit [%d] = %X\n", addr, static_cast<int>(bit), on != 0 ? 1u : 0u);
   return 0;
 }
@@ -100,7 +107,7 @@ kiv_int32 regGetBit(void **argv) {
   if (!cmd_takeNums(argv, addr, bit)) return -1;
   if (bit > 31) return ACCESS_BAD_BITS;
   uint32_t value = 0;
-  (void)asic_reg_read(addr, &value);
+  (void)noteFailure(asic_reg_read(addr, &value));
   printf("reg [0x%X] bit [%d] = 0x%X\n", addr, static_cast<int>(bit), (value >> bit) & 1u);
   return 0;
 }
@@ -112,9 +119,9 @@ kiv_int32 regSetBits(void **argv) {
   const uint32_t mask = fieldMask(start, end);
   if (field > mask) return ACCESS_BAD_BITS;
   uint32_t value = 0;
-  if (asic_reg_read(addr, &value) != 0) value = 0;
+  if (noteFailure(asic_reg_read(addr, &value)) != 0) value = 0;
   value = (value & ~(mask << start)) | (field << start);
-  (void)asic_reg_write(addr, value);
+  (void)noteFailure(asic_reg_write(addr, value));
   printf("reg [0x%4.4x]  bits [%d:%d] = 0x%x\n", addr, static_cast<int>(end), static_cast<int>(start), field);
   return 0;
 }
@@ -125,7 +132,7 @@ kiv_int32 regGetBits(void **argv) {
   if (start > end || end > 31) return ACCESS_BAD_BITS;
   const uint32_t mask = fieldMask(start, end);
   uint32_t value = 0;
-  if (asic_reg_read(addr, &value) != 0) value = 0;
+  if (noteFailure(asic_reg_read(addr, &value)) != 0) value = 0;
   value = (value & (mask << start)) >> start;
   printf("reg [0x%x] bits [%d:%d] = 0x%x\n", addr, static_cast<int>(end), static_cast<int>(start), value);
   return 0;
@@ -167,6 +174,7 @@ kiv_int32 regChgPage(void **argv) {
     const uint32_t page = arg.num;
     if (page > PAGE_SPIC) {
       printf("Unknow page number 0x%x\r\n", page);
+      kiv_markLineFailed();
       return 0;
     }
     return asic_reg_write(PAGE_REG_ADDR, page);
@@ -293,6 +301,7 @@ kiv_int32 smiChannel(void **argv) {
   const bool isSet = cmd_wordIs(op, "set");
   if (!isSet && !cmd_wordIs(op, "get")) {
     puts("unknow command\r");
+    kiv_markLineFailed();
     return 0;
   }
   uint32_t phy = 0, page = 0, reg = 0, value = 0;
@@ -402,18 +411,18 @@ kiv_int32 mmdCmdRead(void **argv) {
   uint32_t phy = 0, dev = 0, reg = 0;
   if (!cmd_takeNums(argv, phy, dev, reg)) return -1;
   uint16_t value = 0;
-  if (mmdRead(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg), &value) != 0)
-    value = 0;
+  const kiv_int32 rc =
+      mmdRead(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg), &value);
+  if (rc != 0) value = 0;
   printf("reg value: %04x\n", static_cast<unsigned>(value));
-  return 0;
+  return rc;
 }
 
 kiv_int32 mmdCmdWrite(void **argv) {
   uint32_t phy = 0, dev = 0, reg = 0, data = 0;
   if (!cmd_takeNums(argv, phy, dev, reg, data)) return -1;
-  (void)mmdWrite(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg),
-                 static_cast<uint16_t>(data));
-  return 0;
+  return mmdWrite(static_cast<uint8_t>(phy), static_cast<uint8_t>(dev), static_cast<uint16_t>(reg),
+                  static_cast<uint16_t>(data));
 }
 
 // ---- phy / gphy --------------------------------------------------------------------------
@@ -597,7 +606,8 @@ constexpr std::array<cmd_sub_t<>, 2> kMmdCmds{{
 }  // namespace
 
 kiv_int32 hx5200_cmd_mmd(kiv_uint32, kiv_int32, void **argv) {
-  (void)cmd_runSub(kMmdCmds, cmd_nextStr(argv), argv, 0);
+  // The command always ends in success; a failed access shows in the line's result only.
+  (void)noteFailure(cmd_runSub(kMmdCmds, cmd_nextStr(argv), argv, 0));
   puts("MMD Over");
   return 0;
 }

@@ -18,6 +18,13 @@ constexpr uint32_t kFilterPortMax = 7;
 constexpr uint32_t kFilterAllLast = 6;   // "all" covers ports 0..6
 constexpr uint32_t kMcFidMax = 16;
 
+// A failure the command shows only by what it prints (or not at all): the line counts as
+// failed all the same (-e). Returns rc.
+kiv_int32 noted(kiv_int32 rc) {
+  if (rc != 0) kiv_markLineFailed();
+  return rc;
+}
+
 void printEntry(uint32_t vid, uint32_t mbrmsk, uint32_t untagmsk, uint8_t fid, uint8_t ulfid, uint8_t vbfwd) {
   printf("get vlan table : vid = %d, mbrmsk = 0x%x, untagmsk = 0x%x, fid = %d, ulfid = %d, vbfwd = %d, valid = %d\n",
          static_cast<int>(vid), mbrmsk, untagmsk, fid, ulfid, vbfwd, 1);
@@ -39,7 +46,10 @@ kiv_int32 vlanSet(void **argv) {
   const uint32_t vid = cmd_nextNum(argv);
   // Fields without an argument are carried over from the entry being replaced.
   Entry old;
-  if (getEntry(vid, old) != 0) old.statefulmsk = 0;
+  if (const kiv_int32 rc = getEntry(vid, old); rc != 0) {
+    old.statefulmsk = 0;
+    if (rc != HXK_ERR_VLAN_ENTRY_NOT_FOUND) kiv_markLineFailed();   // the kept fields are unknown
+  }
   const uint32_t mbrmsk = cmd_nextNum(argv);
   const uint32_t untagmsk = cmd_nextNum(argv);
   const uint32_t fid = cmd_nextNum(argv);
@@ -74,7 +84,11 @@ kiv_int32 vlanGet(void **argv) {
 kiv_int32 vlanDump(void **) {
   for (uint32_t vid = 1; vid < HXK_VLAN_VID_MAX; ++vid) {
     Entry e;
-    if (getEntry(vid, e) == 0) printEntry(vid, e.mbrmsk, e.untagmsk, e.fid, e.ulfid, e.vbfwd);
+    const kiv_int32 rc = getEntry(vid, e);
+    if (rc == 0)
+      printEntry(vid, e.mbrmsk, e.untagmsk, e.fid, e.ulfid, e.vbfwd);
+    else if (rc != HXK_ERR_VLAN_ENTRY_NOT_FOUND)
+      kiv_markLineFailed();   // an entry that could not be read is missing from the dump
   }
   return 0;
 }
@@ -88,9 +102,10 @@ kiv_int32 vlanMode(void **argv) {
   const char *op = cmd_nextWord(argv);
   if (cmd_wordIs(op, "get")) {
     uint32_t useFid = 0, fixEn = 0, fid = 0;
-    reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, &useFid);
-    reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN, &fixEn);
-    reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_LEN, &fid);
+    noted(reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, &useFid));
+    noted(reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN,
+                         &fixEn));
+    noted(reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_LEN, &fid));
     printf("Look up table using FID    :%u(%s)\r\n", useFid, yesNo(useFid));
     printf("Look up table using Fix FID:%u(%s)\r\n", fixEn, yesNo(fixEn));
     printf("                    Fix FID:%u\r\n", fid);
@@ -106,9 +121,10 @@ kiv_int32 vlanMode(void **argv) {
       puts("Incorrect Multicast fid value.\r");
       return -1;
     }
-    reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, useFid);
-    reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN, fixEn);
-    reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_LEN, fid);
+    noted(reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, useFid));
+    noted(reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_EN_LEN,
+                          fixEn));
+    noted(reg_field_write(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_FIX_FID_LSP, L2_MC_LOOKUP_CTRL_FIX_FID_LEN, fid));
   }
   return 0;
 }
@@ -122,10 +138,7 @@ kiv_int32 vlanPvid(void **argv) {
   if (!outer && !cmd_wordIs(tag, "inner")) return 0;
   // Read first: a set keeps the priority (and the outer tag's DEI) already configured.
   uint32_t pvid = 0, pri = 0, dei = 0;
-  if (outer)
-    hxk_vlan_portOuterPvid_get(port, &pvid, &pri, &dei);
-  else
-    hxk_vlan_portPvid_get(port, &pvid, &pri);
+  noted(outer ? hxk_vlan_portOuterPvid_get(port, &pvid, &pri, &dei) : hxk_vlan_portPvid_get(port, &pvid, &pri));
   const char *op = cmd_nextWord(argv);
   if (cmd_wordIs(op, "get")) {
     printf("Port %u PVID:%u\r\n", port, pvid);
@@ -139,6 +152,7 @@ kiv_int32 vlanPvid(void **argv) {
       printf("Incorrect VID (%u)\r\n", newPvid);
       return -1;
     }
+    noted(ret);
   }
   return 0;
 }
@@ -168,7 +182,7 @@ kiv_int32 vlanFilter(void **argv) {
   if (cmd_wordIs(op, "set")) {
     if (!filterPorts(cmd_nextArg(argv), first, last)) return -1;
     const uint32_t enable = cmd_wordIs(cmd_nextWord(argv), "enable") ? 1 : 0;
-    for (uint32_t p = first; p <= last; ++p) hxk_vlan_portIgrFilterEn_set(p, enable);
+    for (uint32_t p = first; p <= last; ++p) noted(hxk_vlan_portIgrFilterEn_set(p, enable));
     return 0;
   }
   if (cmd_wordIs(op, "get")) {
@@ -176,7 +190,7 @@ kiv_int32 vlanFilter(void **argv) {
     puts("port id\tIGFILTER\r");
     uint32_t enable = 0;
     for (uint32_t p = first; p <= last; ++p) {
-      hxk_vlan_portIgrFilterEn_get(p, &enable);
+      noted(hxk_vlan_portIgrFilterEn_get(p, &enable));
       printf("%u\t%s\r\n", p, enable ? "ENABLE" : "DISABLE");
     }
     puts("\r");
@@ -283,7 +297,7 @@ kiv_int32 vlanIgRetag(void **argv) { return vlanRetag(kIgrRetag, argv); }
 kiv_int32 vlanEgRetag(void **argv) { return vlanRetag(kEgrRetag, argv); }
 
 kiv_int32 vlanInit(void **) {
-  puts(hxk_vlan_init() == 0 ? "vlan init success !" : "vlan init failed !");
+  puts(noted(hxk_vlan_init()) == 0 ? "vlan init success !" : "vlan init failed !");
   return 0;
 }
 

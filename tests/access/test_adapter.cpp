@@ -2,6 +2,7 @@
 // board: byte layouts, status handling, resends, time-outs and the retry with reconnection.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -178,21 +179,74 @@ TEST(Adapter, EveryCommandOnTheWire) {
   for (const auto &v : views) EXPECT_EQ(dissect(s.pcap, v.filter, v.fields), v.frames) << v.filter;
 }
 
-// The dissector names each status byte after the command it answers: a NAK, flash data
-// missing, an unknown byte.
-TEST(Adapter, DissectorNamesTheStatusBytes) {
-  Session s("nak@4,datamissing@6,badstatus@8");
-  const Bytes data(16, 0x5A);
-  uint32_t v = 0;
-  ASSERT_EQ(hx5200_usb_i2c_write(0x20, 7), 0);
-  ASSERT_EQ(hx5200_usb_spi_flash_write(0x1000, data.data(), 16, 0), 0);
-  ASSERT_EQ(hx5200_usb_i2c_read(0x20, &v), 0);
-  s.records();
-  EXPECT_EQ(dissect(s.pcap, "kivusb.status && !(kivusb.code in {0x11, 0x21, 0x41})", {"code", "status"}),
-            "0x13:0xab | 0x13:0xaa | 0x13:0xba | 0x25:0xaa | 0x25:0xac | 0x25:0xaa | 0x25:0xba | 0x14:0xee | 0x14:0xaa");
-  EXPECT_EQ(dissect(s.pcap, "kivusb.status in {0xab, 0xac, 0xee}", {"_ws.col.Info"}),
-            "Status 0xab NAK: command refused, sent again | Status 0xac flash data missing, sent again | "
-            "Status 0xee (unknown)");
+// Crafted packets: status bytes are named after the command they answer; every header
+// starts a command (an unknown code too), and cut or malformed packets are flagged, never
+// decoded as data.
+TEST(Adapter, DissectorFlagsCraftedPackets) {
+  struct Pkt {
+    uint8_t ep;
+    Bytes data;
+    uint32_t wireLen = 0;   // longer than data: cut by the snapshot length
+  };
+  auto header = [](uint8_t code, uint8_t alen, Bytes tail = {}) {
+    Bytes h = {0x01, 0xfe, 0x02, 0xfd, 0x03, 0xfc, 24, 0, code};
+    h.resize(24);
+    h[23] = alen;
+    h.insert(h.end(), tail.begin(), tail.end());
+    return h;
+  };
+  auto cut = [](Bytes b, size_t n) {
+    b.resize(n);
+    return b;
+  };
+  const Bytes addr = {0x56, 0x34, 0x12};
+  const Pkt pkts[] = {
+      {0x02, header(0x13, 3, addr)}, {0x81, {0xaa}}, {0x02, packet({1, 2, 3, 4})}, {0x81, {0xac}}, {0x81, {0xee}},
+      {0x02, header(0x77, 0)},       {0x81, {0xab}}, {0x02, packet({1, 2, 3, 4})},   // unknown code
+      {0x02, cut(header(0x13, 3, addr), 16), 27},
+      {0x02, packet({1, 2, 3, 4})},                                                  // after the cut header
+      {0x02, header(0x13, 40, addr)}, {0x02, packet({1, 2, 3, 4, 5})},
+      {0x02, header(0x14, 3, addr)},  {0x81, {0xaa}}, {0x81, cut(header(0x14, 0), 10)},
+      {0x02, header(0x14, 0)}, {0x81, header(0x14, 0, {})},                          // asks for 0 bytes: fine
+  };
+  const std::string pcap = make_temp_dir("kivcraft") + "/c.pcap";
+  FILE *f = fopen(pcap.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  const uint32_t global[6] = {0xa1b2c3d4, 2u | (4u << 16), 0, 0, 65535, 220};
+  fwrite(global, sizeof global, 1, f);
+  uint64_t id = 1;
+  for (const Pkt &p : pkts) {
+    const uint32_t cap = (uint32_t)p.data.size(), wire = std::max(cap, p.wireLen);
+    uint8_t h[64] = {};
+    memcpy(h, &id, 8);
+    h[8] = p.ep & 0x80 ? 'C' : 'S';
+    h[9] = 3;
+    h[10] = p.ep;
+    h[11] = 5;
+    h[12] = 1;
+    h[14] = '-';
+    memcpy(h + 32, &wire, 4);
+    memcpy(h + 36, &cap, 4);
+    const uint32_t rec[4] = {0, (uint32_t)id++, 64 + cap, 64 + wire};
+    fwrite(rec, sizeof rec, 1, f);
+    fwrite(h, sizeof h, 1, f);
+    fwrite(p.data.data(), 1, cap, f);
+  }
+  fclose(f);
+  EXPECT_EQ(dissect(pcap, "kivusb", {"_ws.col.Info", "_ws.expert.message"}),
+            "Command 0x13 I2C register write [0x123456]: | Status 0xaa ACK: command accepted: | "
+            "Data for 0x13: [0x123456] = 0x04030201: | Status 0xac flash data missing, sent again: | "
+            "Status 0xee (unknown):Unknown status byte | "
+            "Command 0x77 (unknown):Unknown command code | "
+            "Status 0xab NAK: command refused, sent again:Adapter refused the command | "
+            "Data for 0x77 (not decoded):Data packet after a command that carries no data | "
+            "Command 0x13 I2C register write (header cut short):Packet cut short by the capture's snapshot length | "
+            "Data for 0x13 (not decoded):Command header or response shorter than 24 bytes | "
+            "Command 0x13 I2C register write:Address block runs past the end of the packet | "
+            "Data for 0x13: 0x04030201:Data length is not a whole number of registers | "
+            "Command 0x14 I2C register read [0x123456]: | Status 0xaa ACK: command accepted: | "
+            "Response for 0x14 (not decoded):Command header or response shorter than 24 bytes | "
+            "Command 0x14 I2C register read: | Response 0x14:");
 }
 
 // Each fault path: the result, the command headers that went out after the bring-up

@@ -200,6 +200,35 @@ TEST(FaultMatrix, StartUpFaultsAreReportedAndCommandsStillRun) {
   }
 }
 
+// With -e a line fails also when its command shows the failure only in what it prints (a
+// value read as 0, "Not Found" lines, a message) and still ends in "Success!!". Faults hit
+// the line's first command header (7 go to start-up).
+TEST(FaultMatrix, ErrexitCatchesFailuresShownOnlyInMessages) {
+  const struct {
+    const char *line;
+    const char *faults;
+    int status;
+  } cases[] = {
+      {"reg getbit 0x100 3", "unplug@8", 1},   {"reg getbit 0x100 3", "", 0},
+      {"reg setbits 0x100 0 3 5", "unplug@8", 1}, {"mmd read 1 7 60", "unplug@8", 1},
+      {"mmd read 1 7 60", "", 0},              {"mib read 5", "unplug@8", 1},
+      {"mib read 5", "", 0},                   {"mib sys", "unplug@30", 1},
+      {"vlan init", "unplug@8", 1},            {"vlan init", "", 0},
+      {"vlan igfilter get 3", "unplug@8", 1},  {"get fwver", "unplug@8", 1},
+      {"reg chgpage 82", "", 1},               {"reg chgpage 81", "", 0},
+  };
+  for (const auto &c : cases) {
+    ToolRun r;
+    r.args = {"-e"};
+    for (std::istringstream words(c.line); r.args.emplace_back(), words >> r.args.back();) {}
+    r.args.pop_back();
+    if (*c.faults) r.env.emplace_back("KIVTOOL_SIM_FAULTS", c.faults);
+    const ToolResult res = run_tool(r);
+    EXPECT_EQ(res.status, c.status) << c.line << " " << c.faults << "\n" << res.out;
+    EXPECT_EQ(reportLines(res.out), 1) << c.line << "\n" << res.out;
+  }
+}
+
 // An image update hit by a fault anywhere may fail, but it must never leave a flash that
 // differs from the image while a verify says it matches.
 TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <regex>
 #include <string>
@@ -148,6 +149,14 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   EXPECT_EQ(b.run("spi dumptobin 0x100 5000\n", {}, &err), kOk);
   EXPECT_EQ(err, "");
   EXPECT_EQ(read_file(b.cwd + "/flash_copy.bin"), image.substr(0x100, 5000));
+  // A dump that cannot be written (here: larger than the files the run may write) says so
+  // and fails the line.
+  const std::string dump = "cd " + b.cwd + " && (ulimit -f 4; trap '' XFSZ; KIVTOOL_SIM=sim " KIVTOOL_PATH
+                           " -e spi dumptobin 0 0x10000 > out); echo $? > code";
+  ASSERT_EQ(system(("sh -c " + ::quoted(dump)).c_str()), 0);
+  EXPECT_EQ(read_file(b.cwd + "/code"), "1\n");
+  EXPECT_EQ(read_file(b.cwd + "/out"),
+            std::string(kSdkLine) + "FILE flash_copy.bin write fail: File too large\n" + kOk);
 
   // Programming over data that was not erased shows in the check that follows.
   EXPECT_EQ(norm(b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n")),
@@ -192,16 +201,32 @@ TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstEr
     input += "spi " + line + "\n";
     expected += refusal + ", nothing written\n" + kOk;
   }
-  // Verify commands say why they stopped instead of matching what they could read.
+  // Every file a flash command opens must be a regular file (a FIFO would block while the
+  // flash is held), checked before any erase; verify commands say why they stopped instead
+  // of matching what they could read, and never compare past the end of the flash.
+  b.put("past.bin", before + "x");
+  b.put("tail.bin", before.substr(0x3FFF00) + "yz");
+  ASSERT_EQ(symlink("/dev/null", (b.cwd + "/flash_copy.bin").c_str()), 0);
   std::string err;
-  const std::string out = b.run(input + "spi verify dir\nspi verifywithbase /proc/self/mem 0 0 16\n", {}, &err);
-  EXPECT_EQ(std::regex_replace(out, std::regex(".*\r\n"), ""), expected + kOk + kOk);   // the file reports dropped
-  EXPECT_EQ(err, "spi: cannot read dir: Is a directory\nspi: cannot read /proc/self/mem: Input/output error\n");
+  const std::string out = b.run(input +
+                                    "spi verify dir\nspi verifywithbase fifo 0 0 16\nspi updatecfg fifo\n"
+                                    "spi updatecfg dir\nspi dumptobin 0 16\nspi verifywithbase /proc/self/mem 0 0 16\n"
+                                    "spi verify past.bin\nspi verifywithbase tail.bin 0 0x3fff00 0x200\n"
+                                    "spi verifywithbase small.bin 0 0x400000 16\nspi verifywithbase small.bin 0 0x1000000 1\n"
+                                    "spi verifywithbase tail.bin 0 0x3fff00 0x100\n",
+                                {}, &err);
+  const std::string past = "Image goes past the end of the flash at 0x";
+  EXPECT_EQ(std::regex_replace(out, std::regex(".*\r\n"), ""),   // the file reports dropped
+            expected + "FILE dir open fail!\n" + kOk + "FILE fifo open fail!\n" + kOk + "FILE fifo open fail!\n" + kOk +
+                "FILE dir open fail!\n" + kOk + "FILE flash_copy.bin open fail!\n" + kOk + kOk + past +
+                "400000, not compared\n" + kOk + past + "400000, not compared\n" + kOk + past +
+                "400000, not compared\n" + kOk + past + "1000000, not compared\n" + kOk +
+                "Matched: Compare Image Length 256\n" + kOk);
+  const std::string notRegular = ": not a regular file\n";
+  EXPECT_EQ(err, "spi: dir" + notRegular + "spi: fifo" + notRegular + "spi: fifo" + notRegular + "spi: dir" +
+                     notRegular + "spi: flash_copy.bin" + notRegular +
+                     "spi: cannot read /proc/self/mem: Input/output error\n");
   EXPECT_TRUE(b.flash() == before);
-  // updatecfg keeps its order (erase, then open) and reports the read error too.
-  EXPECT_EQ(norm(b.run("spi updatecfg dir\n", {}, &err)),
-            info("Sector Erase 6") + info("Sector Erase 7") + "Image Length 0\n" + kOk);
-  EXPECT_EQ(err, "spi: cannot read dir: Is a directory\n");
 }
 
 TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
@@ -216,12 +241,12 @@ TEST(SpiCommand, UpdatecfgProgramsTheConfigurationAreaWithProgressLines) {
   const std::string img = b.flash();
   EXPECT_EQ(img.substr(0x6000, 0x2100), file.substr(0x6000, 0x2100));
   EXPECT_EQ(img.substr(0, 0x100), std::string(0x100, '\xFF'));   // nothing lands at flash 0
-  // A short file: the pass that finds the end still reports. A missing one is found only
-  // after the erases.
+  // A short file: the pass that finds the end still reports. A missing one is found before
+  // anything is erased.
   b.put("short.bin", pattern(0x6000 + 0x300, 3));
   EXPECT_EQ(norm(b.run("spi updatecfg short.bin\nspi updatecfg none.bin\n")),
             erases + "\nupdate config complete: 01\nupdate config complete: 02\nupdate config complete: 03"
-                     "Image Length 768\n" + kOk + erases + "FILE none.bin open fail!\n" + kOk);
+                     "Image Length 768\n" + kOk + "FILE none.bin open fail!\n" + kOk);
 }
 
 TEST(SpiCommand, CalibrationOwnershipAndALostAdapterStopCommands) {

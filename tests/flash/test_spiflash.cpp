@@ -14,6 +14,7 @@
 #include "access/usbio.h"
 #include "board.h"
 #include "internal/common/hx5200_spiflash.h"
+#include "kiv/kiv_parser.h"
 #include "run_tool.h"
 #include "sim/sim.h"
 #include "sim/sim_chip.h"
@@ -202,6 +203,25 @@ TEST(SpiFlashLayer, TimeOutsProtectionAndAFailedCalibration) {
   EXPECT_EQ(spi_flash_calibrate(), -1);
   EXPECT_EQ(spi_flash_cfg.sysDelay, 21u);
   EXPECT_EQ(sim::chip_read(SPIF_CPU_SAMPLE), 0x5Au);
+}
+
+// An erase range goes on past an erase that failed, and the line counts as failed (-e) even
+// when the last erase worked: here the first controller status read fails.
+TEST(SpiFlashLayer, EraseRangeKeepsItsFirstFailure) {
+  FlashBoard board;
+  static int statusReads = 0;
+  i2c_hooks_register(traced_write, [](uint32_t a, uint32_t *v) -> int32_t {
+    return a == SPIC_STATUS && ++statusReads == 1 ? -1 : hx5200_usb_i2c_read(a, v);
+  });
+  ASSERT_EQ(kiv_init(1, 256, 256), 0);
+  ASSERT_EQ(kiv_userInit("3100", 1, 0xC0, 4, &hx5200_rootGroup), 0u);
+  char line[] = "spi erase sector 1 2";
+  testing::internal::CaptureStdout();
+  kiv_cmdProcess(0, line, kiv_outputBuffer, KIV_OUTBUF_SIZE);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(kiv_lineFailed()) << out;
+  EXPECT_EQ(out.find("Sector Erase 1\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Sector Erase 2\n"), std::string::npos) << out;
 }
 
 // A program never crosses a page end: one ending exactly at it stays one page program, one

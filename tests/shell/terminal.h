@@ -81,6 +81,10 @@ class Term {
     return seen;
   }
   std::string screen() const { return tmux("capture-pane -p -t t"); }   // the visible rows
+  std::string tty() const {   // the pane's terminal device
+    std::string t = tmux("display-message -p -t t '#{pane_tty}'");
+    return t.substr(0, t.find('\n'));
+  }
   std::pair<int, int> cursor() const {   // (x, y)
     int x = -1, y = -1;
     std::sscanf(tmux("display-message -p -t t '#{cursor_x} #{cursor_y}'").c_str(), "%d %d", &x, &y);

@@ -2,6 +2,10 @@
 // main loop in front of the command engine, and a session on a terminal.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -53,6 +57,9 @@ TEST(Tool, PipedLinesOnlyTheBareExitEndsTheLoop) {
   EXPECT_NE(run({}, "exit \nls\n").find(kListing), std::string::npos);   // " exit ": see tests/engine
   EXPECT_EQ(run({}, "\n\n\r\n\n"), "");                  // empty lines dispatch nothing
   EXPECT_EQ(run({}, "\n\nls\n\n"), run({}, "ls"));        // a last line without newline runs
+  // A script line is never a completion request: a Tab is a blank.
+  EXPECT_EQ(run({}, "reg set 0x4a180048 0x99\t\nreg\tget\t0x4a180048\t\n"),
+            "[0x4A180048]=0x0099\nSuccess!!\n[0x4A180048]=0x0099\nSuccess!!\n");
   // NUL bytes and over-long lines: no prompt, no echo, no crash.
   const std::string odd = run({}, std::string(5000, 'q') + "\n" + std::string("a\0b\n", 4));
   EXPECT_EQ(odd.find("qqqq"), std::string::npos);
@@ -81,7 +88,7 @@ TEST(Tool, OptionsAndExitStatus) {
       {{"-e", "reg", std::string(256, 'a')}, "", 1, ""},   // a token too long, refused silently
       {{"-e", "nic", "all"}, "", 1, ""},                   // Errno
       {{"-e", "spi", "verify", "other.bin"}, "", 1, ""},   // mismatch: only in the messages
-      {{"-e", "spi", "verify", "none.bin"}, "", 1, ""},    // a file that cannot be read
+      {{"-e", "spi", "verify", "none.bin"}, "", 1, "spi: none.bin: No such file or directory\n"},
       {{"-e", "--", "ls"}, "", 0, ""},
       {{"foo"}, "", 0, ""},
       {{"spi", "verify", "other.bin"}, "", 0, ""},
@@ -89,6 +96,12 @@ TEST(Tool, OptionsAndExitStatus) {
       {{"-e"}, "ls\n\nfoo\nls\n", 1, "kivtool: line 3 failed: foo\n"},
       {{"-e"}, "ls\r\nspi verify other.bin\r\nls\r\n", 1, "kivtool: line 2 failed: spi verify other.bin\n"},
       {{}, "ls\n\nfoo\nls\n", 0, ""},
+      // A script line that does not fit is not run cut short (the cut line would write 0x12).
+      {{"-e"}, "ls\nreg set 0x4a180048" + std::string(1010, ' ') + "0x1234\nls\n", 1,
+       "kivtool: line 2 not run: 1034 characters, at most 1022 fit\n"},
+      {{}, "reg set 0x100" + std::string(1010, ' ') + "0x12\r\nreg get 0x100\n", 0,
+       "kivtool: line 1 not run: 1028 characters, at most 1022 fit\n"},
+      {{"-e"}, std::string(1022, 'l') + "\r\n", 1, "kivtool: line 1 failed: " + std::string(1022, 'l') + "\n"},
       {{"-x", "ls"}, "", 2, "kivtool: unknown option '-x' (kivtool --help lists them)\n"},
       {{"--errexit=1"}, "", 2, "kivtool: unknown option '--errexit=1' (kivtool --help lists them)\n"},
   };
@@ -106,6 +119,7 @@ TEST(Tool, OptionsAndExitStatus) {
     } else if (c.status == 1 && !c.input.empty()) {   // the script stopped: no second listing
       EXPECT_EQ(res.out.find(listing), res.out.rfind(listing)) << what;
     }
+    EXPECT_EQ(res.out.find("[0x0100]=0x0012"), std::string::npos) << what;
   }
   // Help and version: on standard output, without the start-up.
   ToolRun r;
@@ -125,20 +139,34 @@ TEST(Tool, OptionsAndExitStatus) {
   EXPECT_EQ(res.status, 0);
 }
 
-// A script is never a completion request: a Tab is a blank.
-TEST(Tool, PipedTabIsABlank) {
-  EXPECT_EQ(run({}, "reg set 0x4a180048 0x99\t\nreg\tget\t0x4a180048\t\n"),
-            "[0x4A180048]=0x0099\nSuccess!!\n[0x4A180048]=0x0099\nSuccess!!\n");
-}
-
-// Through one pipe, standard output and standard error keep their order.
-TEST(Tool, OutputOrderThroughAPipe) {
+// Through one pipe standard output and standard error keep their order. Closed standard
+// descriptors never go to the board's files (its state survives the run), and output that
+// cannot be written makes the run fail, said on standard error while it works: -e,
+// one-shot and --help alike.
+TEST(Tool, ClosedAndFullOutputs) {
   const std::string dir = make_temp_dir();
-  const std::string cmd = "cd " + dir + " && KIVTOOL_SIM=sim KIVTOOL_SIM_FLASH_OWNED=1 " KIVTOOL_PATH
-                          " spi rdid 2>&1 | cat > out";
-  ASSERT_EQ(system(cmd.c_str()), 0);
+  auto sh = [&](const std::string &cmd) {
+    const std::string full = "cd " + dir + " && export KIVTOOL_SIM=sim K=" + quoted(KIVTOOL_PATH) + " && " + cmd +
+                             " 2>err; echo $? > code";
+    EXPECT_EQ(system(("sh -c " + quoted(full)).c_str()), 0);
+    return read_file(dir + "/code") + read_file(dir + "/err");
+  };
+  EXPECT_EQ(sh("KIVTOOL_SIM_FLASH_OWNED=1 \"$K\" spi rdid 2>&1 | cat > out"), "0\n");
   EXPECT_EQ(read_file(dir + "/out"),
             std::string(kSdkLine) + "spi: could not own the flash (code -11)\nSPI Flash CMD Over\nSuccess!!\n");
+  EXPECT_EQ(sh("\"$K\" reg set 0x100 0x5a5a >&-"), "1\nkivtool: write error: Bad file descriptor\n");
+  EXPECT_EQ(sh("(\"$K\" reg set 0x104 0x77 2>&- <&- >out)"), "0\n");
+  EXPECT_EQ(sh("echo 'reg set 0x108 9' | \"$K\" >&-"), "1\nkivtool: write error: Bad file descriptor\n");
+  EXPECT_EQ(sh("\"$K\" reg get 0x100 > out && \"$K\" reg get 0x104 >> out && \"$K\" reg get 0x108 >> out"), "0\n");
+  EXPECT_EQ(read_file(dir + "/out"), std::string(kSdkLine) + "[0x0100]=0x5A5A\nSuccess!!\n" + kSdkLine +
+                                         "[0x0104]=0x0077\nSuccess!!\n" + kSdkLine + "[0x0108]=0x0009\nSuccess!!\n");
+  for (const char *cmd : {"\"$K\" -e reg get 0 > /dev/full", "\"$K\" reg get 0 > /dev/full",
+                          "\"$K\" --help > /dev/full", "echo ls | \"$K\" > /dev/full"})
+    EXPECT_EQ(sh(cmd), "1\nkivtool: write error: No space left on device\n") << cmd;
+  EXPECT_EQ(sh("printf 'ls\\nreg set 0x10c 1\\n' | \"$K\" -e > /dev/full"),
+            "1\nkivtool: line 1 failed: ls\nkivtool: write error: No space left on device\n");
+  EXPECT_EQ(sh("\"$K\" reg get 0x10c > out"), "0\n");   // the script stopped before its second line
+  EXPECT_EQ(read_file(dir + "/out"), std::string(kSdkLine) + "[0x010C]=0x0000\nSuccess!!\n");
 }
 
 // A failure whose cause the tool knows gets one hint on standard error, after the
@@ -226,18 +254,62 @@ TEST(Tool, TerminalSession) {
 }
 
 // A signal that ends the tool at the prompt, where the terminal is raw, leaves `stty -a` as
-// it was (an ignored hang-up, as the harness has, would stay ignored: it is reset here).
+// it was, and the tool ends by that signal (the signals are reset to their defaults first:
+// the harness ignores the hang-up).
 TEST(Tool, EndingSignalsAtThePromptRestoreTheTerminal) {
-  for (const int sig : {SIGTERM, SIGHUP, SIGQUIT}) {
+  for (const int sig : {SIGTERM, SIGHUP, SIGINT, SIGALRM, SIGUSR1, SIGPIPE}) {
     Term t("export KIVTOOL_SIM=sim K=" + quoted(KIVTOOL_PATH) + "; ulimit -c 0; stty -a > before; " +
-           "env --default-signal=HUP sh -c 'echo $$ > pid; exec \"$K\"'; echo $? > code; stty -a > after");
+           "env --default-signal sh -c 'echo $$ > pid; exec \"$K\"'; echo $? > code; stty -a > after");
     ASSERT_NE(t.waitFor("<HX5200/> "), std::string::npos) << t.output();
     ASSERT_EQ(kill(std::atoi(read_file(t.dir + "/pid").c_str()), sig), 0);
     t.wait();
-    EXPECT_EQ(std::atoi(read_file(t.dir + "/code").c_str()), 128 + sig);
+    EXPECT_EQ(std::atoi(read_file(t.dir + "/code").c_str()), 128 + sig) << sig;
     EXPECT_FALSE(read_file(t.dir + "/before").empty());
     EXPECT_EQ(read_file(t.dir + "/before"), read_file(t.dir + "/after")) << sig;
   }
+}
+
+// A stop at the prompt gives the terminal its own settings back; the continue (`fg` of a
+// job-control shell, after each file "go") takes raw mode again and draws the prompt and the
+// line typed so far, which then runs once.
+TEST(Tool, StopAndContinueAtThePrompt) {
+  Term t("bash -c " + quoted("set -m; stty -a > before; env --default-signal KIVTOOL_SIM=sim " +
+                             quoted(KIVTOOL_PATH) + " & echo $! > pid; fg; while kill -0 $(cat pid) 2>/dev/null; do "
+                             "until rm go 2>/dev/null; do sleep 0.05; done; fg; done; stty -a > after"));
+  ASSERT_NE(t.waitFor("<HX5200/> "), std::string::npos) << t.output();
+  const pid_t pid = std::atoi(read_file(t.dir + "/pid").c_str());
+  const int tty = open(t.tty().c_str(), O_RDONLY | O_NOCTTY);
+  ASSERT_GE(tty, 0) << t.tty();
+  auto cooked = [tty] {
+    termios tio{};
+    return tcgetattr(tty, &tio) == 0 && (tio.c_lflag & (ICANON | ECHO)) == (ICANON | ECHO);
+  };
+  auto state = [pid] {
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    const size_t paren = stat.rfind(')');
+    return paren == std::string::npos || paren + 2 >= stat.size() ? '?' : stat[paren + 2];
+  };
+  t.keys("reg get 0x4a0");
+  ASSERT_NE(t.waitFor("0x4a0"), std::string::npos);
+  EXPECT_FALSE(cooked());
+  for (const int stop : {SIGTSTP, SIGSTOP}) {
+    const size_t before = t.output().size();
+    ASSERT_EQ(kill(pid, stop), 0);
+    ASSERT_TRUE(poll_until([&] { return state() == 'T'; }));
+    EXPECT_TRUE(cooked()) << stop;   // as the shell gets it back
+    write_file(t.dir + "/go", "");
+    EXPECT_NE(t.waitFor("\r<HX5200/> reg get 0x4a0\x1b[J", before), std::string::npos) << stop;
+    EXPECT_TRUE(poll_until([&] { return !cooked(); })) << stop;
+  }
+  close(tty);
+  t.keys("00000\r");   // on a cooked terminal this would show twice
+  ASSERT_NE(t.waitFor("Success!!"), std::string::npos) << t.output();
+  EXPECT_EQ(count_of(t.screen(), "reg get 0x4a000000\n[0x4A000000]=0x0000\nSuccess!!"), 1u) << t.screen();
+  EXPECT_EQ(count_of(t.screen(), "0x4a000000"), 1u) << t.screen();
+  t.keys("exit\r");
+  EXPECT_EQ(t.wait(), 0);
+  EXPECT_FALSE(read_file(t.dir + "/before").empty());
+  EXPECT_EQ(read_file(t.dir + "/before"), read_file(t.dir + "/after"));
 }
 
 }  // namespace

@@ -7,6 +7,9 @@
 --
 -- It decodes the captures written by the tool (KIVTOOL_PCAP) and live usbmon captures.
 -- Data packets are decoded with the command they follow, so a capture is read in order.
+-- Every header starts a command, a known code or not. Packets cut short by the snapshot
+-- length, short headers and responses, data of odd length and address blocks longer than
+-- their packet are flagged (expert info) and never decoded as data.
 
 local kivusb = Proto("kivusb", "KIV USB I/O adapter")
 
@@ -86,6 +89,24 @@ ef.unknown_status = ProtoExpert.new("kivusb.unknown_status", "Unknown status byt
   expert.group.PROTOCOL, expert.severity.WARN)
 ef.nak = ProtoExpert.new("kivusb.nak", "Adapter refused the command",
   expert.group.RESPONSE_CODE, expert.severity.NOTE)
+ef.unknown_code = ProtoExpert.new("kivusb.unknown_code", "Unknown command code",
+  expert.group.PROTOCOL, expert.severity.WARN)
+ef.truncated = ProtoExpert.new("kivusb.truncated", "Packet cut short by the capture's snapshot length",
+  expert.group.MALFORMED, expert.severity.WARN)
+ef.short_header = ProtoExpert.new("kivusb.short_header", "Command header or response shorter than 24 bytes",
+  expert.group.MALFORMED, expert.severity.ERROR)
+ef.addr_len = ProtoExpert.new("kivusb.bad_addr_len", "Address block runs past the end of the packet",
+  expert.group.MALFORMED, expert.severity.ERROR)
+ef.short_data = ProtoExpert.new("kivusb.short_data", "Data packet shorter than its four-byte trailer",
+  expert.group.MALFORMED, expert.severity.ERROR)
+ef.odd_length = ProtoExpert.new("kivusb.odd_length", "Data length is not a whole number of registers",
+  expert.group.MALFORMED, expert.severity.WARN)
+ef.short_read = ProtoExpert.new("kivusb.short_read", "Response carries fewer data bytes than were asked for",
+  expert.group.MALFORMED, expert.severity.WARN)
+ef.no_data = ProtoExpert.new("kivusb.unexpected_data", "Data packet after a command that carries no data",
+  expert.group.SEQUENCE, expert.severity.WARN)
+ef.other_response = ProtoExpert.new("kivusb.other_response", "Response to another command than the last one sent",
+  expert.group.SEQUENCE, expert.severity.WARN)
 
 local usb_bus = Field.new("usb.bus_id")
 local usb_dev = Field.new("usb.device_address")
@@ -140,18 +161,35 @@ local function block_address(tree, block, code)
   return nil
 end
 
+-- A header too short to hold its fields (cut by the snapshot length, or sent short): what
+-- is there is named, nothing more is read from it. It still starts a command.
+local function dissect_short_header(tvb, pinfo, tree, truncated)
+  local len = tvb:len()
+  local code = len >= 9 and tvb(8, 1):uint() or nil
+  local t = tree:add(kivusb, tvb(), "KIV adapter command (header cut short)")
+  t:add(f.magic, tvb(0, 6))
+  if code then t:add(f.code, tvb(8, 1)) end
+  t:add_proto_expert_info(truncated and ef.truncated or ef.short_header)
+  pinfo.cols.info = code
+    and string.format("Command 0x%02x %s (header cut short)", code, code_names[code] or "(unknown)")
+    or "Command (header cut short)"
+  last_cmd[device_key()] = { code = code, cut = true }
+end
+
 local function dissect_header(tvb, pinfo, tree)
   local code = tvb(8, 1):uint()
   local k = kinds[code]
   local t = tree:add(kivusb, tvb(), "KIV adapter command: " .. (code_names[code] or "unknown"))
   t:add(f.magic, tvb(0, 6))
   t:add(f.length, tvb(6, 1))
-  t:add(f.code, tvb(8, 1))
+  local ci = t:add(f.code, tvb(8, 1))
   t:add(f.sub, tvb(9, 1))
   local info = string.format("Command 0x%02x %s", code, code_names[code] or "(unknown)")
   local cmd = { code = code }
   if not k then
+    ci:add_proto_expert_info(ef.unknown_code)
     pinfo.cols.info = info
+    last_cmd[device_key()] = cmd
     return
   end
   if k.kind == "flash" then
@@ -178,12 +216,14 @@ local function dissect_header(tvb, pinfo, tree)
     end
   end
   local alen = tvb(23, 1):uint()
-  t:add(f.addr_len, tvb(23, 1))
+  local ai = t:add(f.addr_len, tvb(23, 1))
   if alen > 0 and tvb:len() >= HEADER + alen then
     local block = tvb(HEADER, alen)
     local bt = t:add(f.addr_block, block)
     cmd.addr = block_address(bt, block, code)
     if cmd.addr then info = info .. string.format(" [0x%06x]", cmd.addr) end
+  elseif alen > 0 then
+    ai:add_proto_expert_info(ef.addr_len)
   end
   pinfo.cols.info = info
   last_cmd[device_key()] = cmd
@@ -202,6 +242,7 @@ local function dissect_data(tvb, pinfo, tree, cmd)
   if trailer:bytes():tohex() ~= "FFFFFFFF" then ti:add_proto_expert_info(ef.bad_trailer) end
   local info = string.format("Data for 0x%02x", cmd.code)
   if k.kind == "write" then
+    if n % word_size(k.order) ~= 0 then t:add_proto_expert_info(ef.odd_length) end
     if cmd.addr then t:add(f.addr, cmd.addr):set_generated() end
     if cmd.phy then
       t:add(f.phy, cmd.phy):set_generated()
@@ -215,8 +256,10 @@ local function dissect_data(tvb, pinfo, tree, cmd)
       if off == 0 then
         if cmd.addr then
           info = info .. string.format(": [0x%06x] = 0x%08x", cmd.addr, v)
+        elseif cmd.phy then
+          info = info .. string.format(": phy %d reg %d = 0x%04x", cmd.phy, cmd.reg, v)
         else
-          info = info .. string.format(": phy %d reg %d = 0x%04x", cmd.phy or 0, cmd.reg or 0, v)
+          info = info .. string.format(": 0x%08x", v)
         end
       end
     end
@@ -249,6 +292,8 @@ local function dissect_response(tvb, pinfo, tree, cmd)
   t:add(f.rlen, tvb(12, 2))
   t:add(f.addr_len, tvb(23, 1))
   local info = string.format("Response 0x%02x", code)
+  if cmd and code ~= cmd.code then t:add_proto_expert_info(ef.other_response) end
+  if tvb:len() < HEADER + alen then t:add_proto_expert_info(ef.addr_len) end
   if not k or k.kind ~= "read" or tvb:len() < HEADER + alen then
     if cmd and code ~= cmd.code then info = info .. string.format(" (command was 0x%02x)", cmd.code) end
     pinfo.cols.info = info
@@ -267,6 +312,7 @@ local function dissect_response(tvb, pinfo, tree, cmd)
   local start = HEADER + alen
   local n = math.min(tvb(12, 2):uint(), tvb:len() - start)
   if n > 0 then t:add(f.data, tvb(start, n)) end
+  if n < tvb(12, 2):uint() then t:add_proto_expert_info(ef.short_read) end
   local size = word_size(k.order)
   for off = 0, n - size, size do
     local r = tvb(start + off, size)
@@ -287,31 +333,46 @@ local function dissect_response(tvb, pinfo, tree, cmd)
   pinfo.cols.info = info
 end
 
+-- A packet that cannot be decoded: named, flagged, its bytes shown as they are.
+local function dissect_undecoded(tvb, pinfo, tree, what, expert_field, cmd)
+  local t = tree:add(kivusb, tvb(), "KIV adapter " .. what .. " (not decoded)")
+  if cmd and cmd.code then t:add(f.code, cmd.code):set_generated() end
+  t:add_proto_expert_info(expert_field)
+  local name = what:sub(1, 1):upper() .. what:sub(2)
+  pinfo.cols.info = (cmd and cmd.code) and string.format("%s for 0x%02x (not decoded)", name, cmd.code)
+    or name .. " (not decoded)"
+end
+
 function kivusb.dissector(tvb, pinfo, tree)
   local len = tvb:len()
   if len == 0 then return 0 end
   local key = device_key()
-  local has_magic = len >= HEADER and tvb(0, 6):bytes():tohex():lower() == MAGIC
+  local truncated = tvb:reported_len() > len
+  local has_magic = len >= 6 and tvb(0, 6):bytes():tohex():lower() == MAGIC
   if direction_in() then
     local cmd = last_cmd[key]
     if not pinfo.visited then frame_cmd[pinfo.number] = cmd else cmd = frame_cmd[pinfo.number] end
-    if len == 1 then
-      -- A status byte: only from a device that was sent adapter commands.
-      if not cmd then return 0 end
-      pinfo.cols.protocol = "KIVUSB"
-      dissect_status(tvb, pinfo, tree, cmd)
-      return len
-    end
-    if len >= HEADER and (has_magic or (cmd and tvb(8, 1):uint() == cmd.code)) then
-      pinfo.cols.protocol = "KIVUSB"
+    -- Only from a device that was sent adapter commands (or that shows the magic).
+    if not cmd and not has_magic then return 0 end
+    pinfo.cols.protocol = "KIVUSB"
+    if truncated then
+      dissect_undecoded(tvb, pinfo, tree, "response", ef.truncated, cmd)
+    elseif len == 1 then
+      dissect_status(tvb, pinfo, tree, cmd or {})
+    elseif len < HEADER then
+      dissect_undecoded(tvb, pinfo, tree, "response", ef.short_header, cmd)
+    else
       dissect_response(tvb, pinfo, tree, cmd)
-      return len
     end
-    return 0
+    return len
   end
   if has_magic then
     pinfo.cols.protocol = "KIVUSB"
-    dissect_header(tvb, pinfo, tree)
+    if len < HEADER or truncated then
+      dissect_short_header(tvb, pinfo, tree, truncated)
+    else
+      dissect_header(tvb, pinfo, tree)
+    end
     return len
   end
   -- A data packet belongs to the command sent before it.
@@ -322,11 +383,18 @@ function kivusb.dissector(tvb, pinfo, tree)
   else
     cmd = frame_cmd[pinfo.number]
   end
-  if not cmd or len < 4 or not kinds[cmd.code] then return 0 end
-  local kind = kinds[cmd.code].kind
-  if kind ~= "write" and kind ~= "flash" then return 0 end
+  if not cmd then return 0 end
   pinfo.cols.protocol = "KIVUSB"
-  dissect_data(tvb, pinfo, tree, cmd)
+  local k = cmd.code and kinds[cmd.code]
+  if truncated then
+    dissect_undecoded(tvb, pinfo, tree, "data", ef.truncated, cmd)
+  elseif not k or (k.kind ~= "write" and k.kind ~= "flash") or cmd.cut then
+    dissect_undecoded(tvb, pinfo, tree, "data", cmd.cut and ef.short_header or ef.no_data, cmd)
+  elseif len < 4 then
+    dissect_undecoded(tvb, pinfo, tree, "data", ef.short_data, cmd)
+  else
+    dissect_data(tvb, pinfo, tree, cmd)
+  end
   return len
 end
 
