@@ -528,14 +528,15 @@ int32_t prepare_flash(void) { return spi_flash_clear_protect(); }
 
 Outcome sub_updatecfg(void **argv) {
   const char *file = cmd_nextStr(argv);
-  // The file is opened and checked before anything is erased.
-  FILE *f = open_image(file);
-  if (!f) return {-1};
-  FileCloser closer{f};
-  // Every step runs as it always has; the first failure is the subcommand's result.
+  // Every step runs in its fixed order (the two sectors are erased before the file is
+  // opened); the first failure is the subcommand's result. The open never blocks and takes
+  // regular files only, so a FIFO or a device cannot hold the flash.
   int32_t rc = prepare_flash();
   for (uint32_t sector : {kCfgOffset, kCfgOffset + 0x1000})
     if (const int32_t erased = spi_flash_erase(sector, SPIF_ERASE_SECTOR); rc == 0) rc = erased;
+  FILE *f = open_image(file);
+  if (!f) return {-1};
+  FileCloser closer{f};
   if (std::fseek(f, kCfgOffset, SEEK_SET) != 0 && rc == 0) rc = -1;
   // With the configuration window open the controller's flash address 0 is the start of
   // the configuration area, so the chunks are programmed counting from 0.
