@@ -286,3 +286,19 @@ kiv_int32 hx5200_cmd_notSupported(kiv_uint32, kiv_int32, void **argv) {
 kiv_int32 hx5200_cmd_init(kiv_uint32 uid, kiv_int32 argc, void **argv) {
   return hx5200_cmd_notSupported(uid, argc, argv);
 }
+
+const cmd_subWords_t *hx5200_subWords(kiv_cmdFunc handler) {
+  struct Family {
+    kiv_cmdFunc handler;
+    const cmd_subWords_t *words;
+  };
+  static constexpr Family kFamilies[] = {
+      {hx5200_cmd_reg, &hx5200_wordsReg}, {hx5200_cmd_smi, &hx5200_wordsSmi}, {hx5200_cmd_mmd, &hx5200_wordsMmd},
+      {hx5200_cmd_mdx, &hx5200_wordsMdx}, {hx5200_cmd_phy, &hx5200_wordsPhy}, {hx5200_cmd_mib, &hx5200_wordsMib},
+      {hx5200_cmd_vlan, &hx5200_wordsVlan}, {hx5200_cmd_set, &hx5200_wordsSet}, {hx5200_cmd_get, &hx5200_wordsGet},
+      {hx5200_cmd_spi, &hx5200_wordsSpi},
+  };
+  for (const Family &f : kFamilies)
+    if (f.handler == handler) return f.words;
+  return nullptr;
+}
