@@ -261,24 +261,18 @@ const kiv_group_t hx3100_group = {
 };
 
 // Prints "<command> <first word>: not supported" with the word as the user gave it (a
-// keyword or text as its text, a number in decimal) and fails the command.
+// keyword or text as its text, a number in decimal; nothing when it is missing) and fails
+// the command.
 kiv_int32 hx5200_cmd_notSupported(kiv_uint32, kiv_int32, void **argv) {
   const kiv_cmd_t *cmd = kiv_currentCmd();
   const char *name = cmd ? cmd->cmdName : "";
-  void *value = nullptr;
-  kiv_uint32 size = 0;
-  if (argv == nullptr || kiv_getNextCmdToken(argv, &value, &size) != 0 || value == nullptr) {
+  const cmd_arg_t first = argv ? cmd_nextArg(argv) : cmd_arg_t{};
+  if (first.word)
+    printf("%s %s: not supported\n", name, first.word);
+  else if (first.present)
+    printf("%s %u: not supported\n", name, first.num);
+  else
     printf("%s: not supported\n", name);
-  } else if (size == 4) {
-    // Only "%d" values come with size 4 in these grammars (no repeatable keywords).
-    kiv_uint32 n;
-    std::memcpy(&n, value, 4);
-    printf("%s %u: not supported\n", name, n);
-  } else if (size != 0) {
-    printf("%s %.*s: not supported\n", name, static_cast<int>(size), static_cast<const char *>(value));
-  } else {
-    printf("%s %s: not supported\n", name, static_cast<const char *>(value));
-  }
   return -1;
 }
 
