@@ -73,6 +73,19 @@ int32_t i2c_if_reg_read(uint32_t addr, uint32_t *value);
 int32_t spi_if_reg_write(uint32_t addr, uint32_t value);
 int32_t spi_if_reg_read(uint32_t addr, uint32_t *value);
 
+// ---- which register family to call ----------------------------------------------------
+// Two families reach the same registers:
+// - reg_read/reg_write and the reg_field_* helpers (below): silent; the transport's own
+//   code comes back (the hook's result, -8 for a null pointer, -24 on the reserved
+//   interface, 15 for an SMI busy time-out). Drivers (hxk_, the table access, the flash
+//   layer) and commands whose output must not change with the trace setting call these.
+// - asic_reg_* (the traced family further down): print every access as R[..]/W[..] when
+//   the trace word is 0x8370 and fold every transport failure into -1001 (-1000 for a bad
+//   bit number or range, -1 for an SMI busy time-out, with a message). The `reg` command
+//   family and the test suites call these, so that an engineer can watch their accesses.
+// A new command that pokes registers on the engineer's behalf (like `reg`) takes asic_reg_*;
+// code that works for another function and reports its own failures takes reg_*.
+
 // ---- register primitives (unit is carried and ignored) -------------------------------
 int32_t reg_read(uint32_t unit, uint32_t addr, uint32_t *value);
 int32_t reg_write(uint32_t unit, uint32_t addr, uint32_t value);

@@ -11,7 +11,7 @@
 // A usage naming an unknown "%" type, or of MAX_CMD_TEMPBUFFER characters or more, stops
 // the program by design: such inputs are not parsed. Other grammar mistakes that the
 // parser's consistency checks stop on by design (see kExpectedStops) are caught through the
-// link-time wrap of kiv_assertFailed and end the input quietly; any other check that fails,
+// engine's check hook and end the input quietly; any other check that fails,
 // and any overrun or hang, is a finding.
 #include <array>
 #include <cstring>
@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_util.h"
+#include "kiv/kiv_assert.h"
 #include "kiv/kiv_ciscoParser.h"
 #include "kiv/kiv_parser.h"
 #include "kiv/kiv_ciscoParserParamChecker.h"
@@ -120,7 +121,9 @@ kiv_int32 drain(void *saved, kiv_int32 limit) {
   return got;
 }
 
-// The engine's root group for the dispatch mode: one row, refilled for every input.
+// The rows of one input: built for each parse, or kept. The engine's root group for the
+// dispatch mode has one row, refilled for every input (the engine keeps its graph).
+kiv_cmd_t g_plainRow, g_keptRow;
 kiv_cmd_t g_dispatchRow;
 const kiv_group_t g_dispatchRoot = {"FUZZ", "fuzzed grammars", nullptr, &g_dispatchRow, nullptr, 1, 0, 0};
 
@@ -144,14 +147,17 @@ void listAndShow() {
 void exercise(const kiv_cmd_t &row, uint8_t flags, std::vector<std::vector<char>> &words, std::vector<char *> &argv,
               kiv_int32 argc);
 void dispatch(const kiv_cmd_t &row, const std::vector<std::vector<char>> &words, uint8_t mode);
+void consistencyHook(const char *file, const char *func, int line, const char *cond);
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   fuzz_quietStdout();
+  kiv_assertHookSet(consistencyHook);
   ciscoCmdParserSetOutputMode(1);
   if (kiv_init(1, 256, 256) != 0) abort();
   if (kiv_userInit("3100", 1, 0xC0, 4, &g_dispatchRoot) != 0) abort();
+  ciscoCmdParserKeepRows(&g_keptRow, 1);
   return 0;
 }
 
@@ -186,7 +192,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const kiv_int32 argc = static_cast<kiv_int32>(words.size());
 
   const bool ownTypes = flags & 1;
-  const kiv_cmd_t row = {"t",
+  // Flag 2: the row's graph is kept (compiled once, loaded for every later parse of this
+  // input) instead of built for each parse.
+  ciscoCmdParserForgetGraphs();
+  kiv_cmd_t &row = (flags & 2) ? g_keptRow : g_plainRow;
+  row = {"t",
                          "fuzzed",
                          usage.data(),
                          recordingHandler,
@@ -196,7 +206,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                          0,
                          ownTypes ? kOwnTypes.data() : nullptr};
   if (!buildable(usageText, row)) return 0;
-  ciscoCmdParserSetFullClear(flags & 2);
 
   try {
     exercise(row, flags, words, argv, argc);
@@ -286,14 +295,12 @@ void dispatch(const kiv_cmd_t &row, const std::vector<std::vector<char>> &words,
   FUZZ_CHECK(strnlen(kiv_outputBuffer, KIV_OUTBUF_SIZE) < KIV_OUTBUF_SIZE);
 }
 
-}  // namespace
-
-// The parser's consistency check, wrapped at link time (-Wl,--wrap): a stop by design ends
-// the input, any other is reported like a crash.
-extern "C" [[noreturn]] void __wrap__Z16kiv_assertFailedPKcS0_iS0_(const char *file, const char *func, int line,
-                                                                  const char *cond) {
+// Hook of the engine's consistency checks: a stop by design ends the input, any other is
+// reported like a crash.
+void consistencyHook(const char *file, const char *func, int line, const char *cond) {
   for (std::string_view expected : kExpectedStops)
     if (expected == cond) throw ConsistencyStop{};
   fprintf(stderr, "\n%s:%s:%d:'%s'\n", file, func, line, cond);
-  abort();
 }
+
+}  // namespace

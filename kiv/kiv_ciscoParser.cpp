@@ -2,8 +2,10 @@
 // command graph from them, walks typed tokens through the graph, collects the candidates
 // that may follow, and hands the converted values to the command's handler.
 //
-// All state is one static instance: one command is parsed at a time. The graph is rebuilt
-// from the usage string on every parse.
+// All state is one static instance: one command is parsed at a time. The rows of the
+// engine's tables are compiled once, on their first parse, and each later parse loads the
+// kept graph (node records copied, links shared) instead of building it again; other rows
+// are built for each parse.
 
 #include "kiv/kiv_ciscoParser.h"
 
@@ -58,30 +60,44 @@ char *cutAt(char *text, char sep, char **save) {
 // ---------------------------------------------------------------------------------------
 // Parser state
 
+// A command graph: pristine node records (index 0 the root, the last the end node), the
+// link rows as bit sets (bit b of row a: node b may directly follow node a) and the value
+// slots its parameter nodes reserve at the start of the value buffer.
+struct kiv_graph_t {
+  const kiv_parseNode_t *nodes;
+  const uint64_t *links;
+  kiv_uint32 total;       // nodes including the root and the end node
+  kiv_uint32 stride;      // 64-bit words per link row
+  kiv_uint32 slotBytes;
+};
+
+constexpr kiv_uint32 kBuildStride = (MAX_TOKENS + 1 + 63) / 64;
+
 static const kiv_cmd_t *_thisCommand;
-static char _usageCopy[MAX_CMD_TEMPBUFFER];
-static kiv_grammarToken_t _tokens[MAX_TOKENS];
-static kiv_uint32 _tokensFilled;   // entries of _tokens written since they were last cleared
-static kiv_parseNode_t _nodes[MAX_TOKENS];
+static kiv_parseNode_t _nodes[MAX_TOKENS];   // the graph being walked, with this line's path
 static kiv_uint32 _nodeUsed;
-static kiv_uint8 _links[MAX_TOKENS][MAX_TOKENS + 1];
 alignas(8) static kiv_uint8 _tempBuffer[MAX_CMD_TEMPBUFFER];
 static kiv_uint32 _tempBufferUsed;
 static kiv_uint32 _nonRepeatingTempBufferStart;
-static kiv_indexStack_t _groupStack, _pendingStack, _optionStack, _optionLevelStack;
 static kiv_candidateList_t _candidate;
 static kiv_memaddr _redirectCommand;
+static const uint64_t *_linkRows;            // link rows of the graph being walked
+static kiv_uint32 _linkStride;
+
+// Building: the usage copy the grammar tokens point into, the tokens, the stacks and the
+// link rows of the graph being built (rows and columns below _buildHigh may be set; all
+// others are zero).
+static char _usageCopy[MAX_CMD_TEMPBUFFER];
+static kiv_grammarToken_t _tokens[MAX_TOKENS];
+static kiv_uint32 _tokensFilled;   // entries of _tokens written since they were last cleared
+static uint64_t _buildLinks[MAX_TOKENS * kBuildStride];
+static kiv_uint32 _buildHigh;
+static kiv_indexStack_t _groupStack, _pendingStack, _optionStack, _optionLevelStack;
 
 static kiv_uint32 _outputMode = 1;
 static const kiv_replyHooks_t *_replyHooks;
 static char _synopsisCopy[MAX_CMD_TEMPBUFFER];
 
-// Clearing cost follows use: node records, link rows and link columns at or above
-// _dirtyNodes are known to be zero, so clearing only has to cover [0, _dirtyNodes).
-// Every write of a record or a link raises the mark first.
-static kiv_uint32 _dirtyNodes = MAX_TOKENS;   // unknown at start: the first clear is full
-static kiv_uint16 _rowEnd[MAX_TOKENS];         // per row: columns at or above are zero
-static bool _fullClear;
 // Nodes whose readCount is not 0; while there are none, resetting read counts is a no-op.
 static kiv_uint32 _readCountsSet;
 
@@ -94,14 +110,18 @@ static kiv_uint32 _walkGen;
 
 static bool _validIndex(kiv_int32 index) { return index >= 0 && index < (kiv_int32)MAX_TOKENS; }
 
-static void _touch(kiv_uint32 index) {
-  if (index + 1 > _dirtyNodes) _dirtyNodes = index + 1;
+static void _setLink(kiv_uint32 from, kiv_uint32 to) {
+  const kiv_uint32 high = (from > to ? from : to) + 1;
+  if (high > _buildHigh) _buildHigh = high;
+  _buildLinks[from * kBuildStride + to / 64] |= uint64_t{1} << (to % 64);
 }
 
-static void _setLink(kiv_uint32 from, kiv_uint32 to) {
-  _touch(from > to ? from : to);
-  if (to + 1 > _rowEnd[from]) _rowEnd[from] = (kiv_uint16)(to + 1);
-  _links[from][to] = 1;
+// Whether node b may directly follow node a in the graph being walked. A repeatable node
+// loses its self link once it has been matched as often as it may be.
+static bool _linked(kiv_uint32 a, kiv_uint32 b) {
+  if (a > _nodeUsed || b / 64 >= _linkStride) return false;
+  if (a == b && _nodes[a].selfCut) return false;
+  return (_linkRows[a * _linkStride + b / 64] >> (b % 64)) & 1u;
 }
 
 static bool _isMatchable(const kiv_parseNode_t &n) { return n.isKeyword || n.isParam || n.endCommand; }
@@ -115,45 +135,14 @@ static kiv_uint32 _newWalk() {
   return _walkGen;
 }
 
-// ---------------------------------------------------------------------------------------
-// Clearing
-
-static void _clearAllNodes() {
-  kiv_uint32 count = _fullClear ? MAX_TOKENS : _dirtyNodes;
-  memset(_nodes, 0, count * sizeof(kiv_parseNode_t));
-  _readCountsSet = 0;
+// Zeroes the link rows the last build set.
+static void _clearBuild() {
+  const kiv_uint32 words = (_buildHigh + 63) / 64;
+  for (kiv_uint32 row = 0; row < _buildHigh; row++) memset(&_buildLinks[row * kBuildStride], 0, words * 8);
+  _buildHigh = 0;
 }
 
-static void _clearAllLinks() {
-  if (_fullClear) {
-    memset(_links, 0, sizeof _links);
-    memset(_rowEnd, 0, sizeof _rowEnd);
-  } else {
-    for (kiv_uint32 row = 0; row < _dirtyNodes; row++) {
-      memset(_links[row], 0, _rowEnd[row]);
-      _rowEnd[row] = 0;
-    }
-  }
-  // Records were cleared just before the split; with the links gone nothing is dirty.
-  _dirtyNodes = 0;
-}
-
-// Zero node i's record, its column and its row.
-static void _clearNode(kiv_uint32 i) {
-  memset(&_nodes[i], 0, sizeof(kiv_parseNode_t));
-  if (_fullClear) {
-    for (kiv_uint32 row = 0; row < MAX_TOKENS; row++) _links[row][i] = 0;
-    memset(_links[i], 0, MAX_TOKENS + 1);
-    _rowEnd[i] = 0;
-  } else if (i < _dirtyNodes) {
-    // At or above the mark, row i and column i are zero already: nothing a link write
-    // touched lies there.
-    for (kiv_uint32 row = 0; row < _dirtyNodes; row++) _links[row][i] = 0;
-    memset(_links[i], 0, _dirtyNodes);
-    _rowEnd[i] = 0;
-  }
-  _touch(i);
-}
+static void _clearNode(kiv_uint32 i) { memset(&_nodes[i], 0, sizeof(kiv_parseNode_t)); }
 
 // ---------------------------------------------------------------------------------------
 // Index stacks (entries are node indices; -1 may be pushed and comes back as -1)
@@ -547,16 +536,14 @@ static bool _onPath(kiv_uint32 j) {
 static bool _endReachable(kiv_uint32 a, kiv_uint32 endNode) {
   kiv_uint32 gen = _newWalk();
   for (;;) {
-    if (a >= MAX_TOKENS || _visitStamp[a] == gen) return false;
+    if (a > _nodeUsed || _visitStamp[a] == gen) return false;
     _visitStamp[a] = gen;
+    const uint64_t *row = &_linkRows[a * _linkStride];
     kiv_int32 b = -1;
-    kiv_int32 top = (kiv_int32)_rowEnd[a] - 1;   // nothing is linked above
-    if (top > (kiv_int32)_nodeUsed) top = (kiv_int32)_nodeUsed;
-    for (kiv_int32 j = top; j >= 0; j--) {
-      if (_links[a][j]) {
-        b = j;
-        break;
-      }
+    for (kiv_int32 w = (kiv_int32)_linkStride - 1; w >= 0 && b < 0; w--) {
+      uint64_t bits = row[w];
+      if (w == (kiv_int32)(a / 64) && _nodes[a].selfCut) bits &= ~(uint64_t{1} << (a % 64));
+      if (bits) b = w * 64 + 63 - __builtin_clzll(bits);
     }
     if (b < 0) return false;
     if ((kiv_uint32)b == endNode) return true;
@@ -565,30 +552,32 @@ static bool _endReachable(kiv_uint32 a, kiv_uint32 endNode) {
   }
 }
 
-// First column at or after j (below end) whose link byte in row is set; end when none.
-static kiv_uint32 _nextLinked(const kiv_uint8 *row, kiv_uint32 j, kiv_uint32 end) {
-  while (j + 8 <= end) {
-    uint64_t word;
-    memcpy(&word, row + j, 8);
-    if (word) break;
-    j += 8;
+// First node at or after j (below end) that may follow a; end when none.
+static kiv_uint32 _nextLinked(kiv_uint32 a, kiv_uint32 j, kiv_uint32 end) {
+  const uint64_t *row = &_linkRows[a * _linkStride];
+  for (kiv_uint32 w = j / 64; w < _linkStride && w * 64 < end; w++) {
+    uint64_t bits = row[w];
+    if (w == j / 64) bits &= ~uint64_t{0} << (j % 64);
+    if (w == a / 64 && _nodes[a].selfCut) bits &= ~(uint64_t{1} << (a % 64));
+    if (bits) {
+      const kiv_uint32 b = w * 64 + (kiv_uint32)__builtin_ctzll(bits);
+      return b < end ? b : end;
+    }
   }
-  while (j < end && !row[j]) j++;
-  return j;
+  return end;
 }
 
 static void _collectFrom(kiv_uint32 a, kiv_uint32 gen) {
   _visitStamp[a] = gen;
   const kiv_uint32 end = _nodeUsed + 1 < MAX_TOKENS ? _nodeUsed + 1 : MAX_TOKENS;
-  for (kiv_uint32 j = 0; j < end; j++) {
-    // With no read count to reset, unlinked columns need no visit.
-    if (_readCountsSet == 0 && (j = _nextLinked(_links[a], j, end)) >= end) break;
+  // A walk visits every node: read counts handed out before start again from 0.
+  if (_readCountsSet) {
+    for (kiv_uint32 j = 0; j < end; j++) _nodes[j].readCount = 0;
+    _readCountsSet = 0;
+  }
+  if (a > _nodeUsed) return;
+  for (kiv_uint32 j = _nextLinked(a, 0, end); j < end; j = _nextLinked(a, j + 1, end)) {
     kiv_parseNode_t &cand = _nodes[j];
-    if (_readCountsSet && cand.readCount) {
-      cand.readCount = 0;
-      _readCountsSet--;
-    }
-    if (!_links[a][j]) continue;
     if (!_isMatchable(cand)) {
       // A self-linked pass-through node continues with the node after it.
       if (j == a) j++;
@@ -734,7 +723,7 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
         thisNode->prevIndex = (kiv_uint16)lastNodeIndex;
       }
       thisNode->repeatCount++;
-      if (thisNode->repeatCount == thisNode->max_repeat) _links[thisNodeIndex][thisNodeIndex] = 0;
+      if (thisNode->repeatCount == thisNode->max_repeat) thisNode->selfCut = 1;
     }
     lastNodeIndex = thisNodeIndex;
     accepted++;
@@ -752,26 +741,151 @@ static kiv_matchResult_t _processUserCommand(kiv_uint32 totalNodes, kiv_int32 ar
 }
 
 // ---------------------------------------------------------------------------------------
+// Kept graphs: rows registered with ciscoCmdParserKeepRows are compiled on their first
+// parse into the arenas below and loaded from there for every later parse. Rows not
+// registered, and rows that no longer fit, are built for each parse.
+
+namespace {
+constexpr kiv_uint32 kKeptRanges = 32;
+constexpr kiv_uint32 kKeptRows = 512;
+constexpr kiv_uint32 kNodeArena = 8192;
+constexpr kiv_uint32 kLinkArena = 16384;   // 64-bit words
+constexpr kiv_uint32 kTextArena = 65536;
+constexpr kiv_int16 kNotCompiled = -1;
+constexpr kiv_int16 kNoRoom = -2;
+
+struct kiv_keptRange_t {
+  const kiv_cmd_t *rows;
+  kiv_uint32 count;
+  kiv_uint32 firstSlot;
+};
+}  // namespace
+
+static kiv_keptRange_t _keptRanges[kKeptRanges];
+static kiv_uint32 _keptRangeCount;
+static kiv_uint32 _keptSlotsUsed;
+static kiv_int16 _keptSlot[kKeptRows];        // graph index, kNotCompiled or kNoRoom
+static kiv_graph_t _keptGraphs[kKeptRows];
+static kiv_uint32 _keptGraphCount;
+static kiv_parseNode_t _nodeArena[kNodeArena];
+static uint64_t _linkArena[kLinkArena];
+static char _textArena[kTextArena];
+static kiv_uint32 _nodeArenaUsed, _linkArenaUsed, _textArenaUsed;
+
+// The registration slot of a row, or null when the row is not kept.
+static kiv_int16 *_keptSlotOf(const kiv_cmd_t *row) {
+  const auto at = reinterpret_cast<kiv_memaddr>(row);
+  for (kiv_uint32 r = 0; r < _keptRangeCount; r++) {
+    const kiv_keptRange_t &k = _keptRanges[r];
+    const auto base = reinterpret_cast<kiv_memaddr>(k.rows);
+    if (at >= base && at < base + k.count * sizeof(kiv_cmd_t) && (at - base) % sizeof(kiv_cmd_t) == 0)
+      return &_keptSlot[k.firstSlot + (at - base) / sizeof(kiv_cmd_t)];
+  }
+  return nullptr;
+}
+
+// Copies the graph just built (nodes in _nodes, links in _buildLinks) into the arenas;
+// null when it does not fit. Texts that pointed into the usage copy point into the
+// graph's own copy of it.
+static const kiv_graph_t *_keepBuiltGraph(kiv_uint32 total) {
+  const kiv_uint32 stride = (total + 63) / 64;
+  const size_t usageLen = strlen(_thisCommand->cmdUsage) + 1;
+  if (_keptGraphCount >= kKeptRows || total > kNodeArena - _nodeArenaUsed ||
+      total * stride > kLinkArena - _linkArenaUsed || usageLen > kTextArena - _textArenaUsed)
+    return nullptr;
+  char *text = &_textArena[_textArenaUsed];
+  memcpy(text, _usageCopy, usageLen);
+  const auto relocate = [&](auto p) {
+    const char *c = static_cast<const char *>(p);
+    return (c >= _usageCopy && c < _usageCopy + usageLen) ? text + (c - _usageCopy) : c;
+  };
+  kiv_parseNode_t *nodes = &_nodeArena[_nodeArenaUsed];
+  for (kiv_uint32 i = 0; i < total; i++) {
+    nodes[i] = _nodes[i];
+    if (!nodes[i].isParam && nodes[i].text) nodes[i].text = const_cast<char *>(relocate(nodes[i].text));
+    if (nodes[i].help) nodes[i].help = relocate(nodes[i].help);
+  }
+  uint64_t *links = &_linkArena[_linkArenaUsed];
+  for (kiv_uint32 a = 0; a < total; a++) memcpy(&links[a * stride], &_buildLinks[a * kBuildStride], stride * 8);
+  _textArenaUsed += (kiv_uint32)usageLen;
+  _nodeArenaUsed += total;
+  _linkArenaUsed += total * stride;
+  _keptGraphs[_keptGraphCount] = {nodes, links, total, stride, _tempBufferUsed};
+  return &_keptGraphs[_keptGraphCount++];
+}
+
+// The graph just built in _nodes and _buildLinks; a kept row's graph is copied to the
+// arenas on the way (its slot says where, or that it did not fit).
+static kiv_graph_t _builtGraph(kiv_uint32 totalNodes, kiv_int16 *slot) {
+  if (slot) {
+    const kiv_graph_t *kept = _keepBuiltGraph(totalNodes);
+    *slot = kept ? (kiv_int16)(kept - _keptGraphs) : kNoRoom;
+  }
+  return {_nodes, _buildLinks, totalNodes, kBuildStride, _tempBufferUsed};
+}
+
+// Makes g the graph to walk: fresh node records (no path, no values) and its links.
+static void _loadGraph(const kiv_graph_t &g) {
+  if (g.nodes != _nodes) memcpy(_nodes, g.nodes, g.total * sizeof(kiv_parseNode_t));
+  _nodeUsed = g.total - 1;
+  _linkRows = g.links;
+  _linkStride = g.stride;
+  _readCountsSet = 0;
+  _tempBufferUsed = g.slotBytes;
+  _nonRepeatingTempBufferStart = g.slotBytes;
+}
+
+void ciscoCmdParserKeepRows(const kiv_cmd_t *rows, kiv_uint32 count) {
+  if (!rows || count == 0 || _keptRangeCount >= kKeptRanges || count > kKeptRows - _keptSlotsUsed) return;
+  for (kiv_uint32 r = 0; r < _keptRangeCount; r++)
+    if (_keptRanges[r].rows == rows) return;
+  _keptRanges[_keptRangeCount++] = {rows, count, _keptSlotsUsed};
+  for (kiv_uint32 i = 0; i < count; i++) _keptSlot[_keptSlotsUsed + i] = kNotCompiled;
+  _keptSlotsUsed += count;
+}
+
+void ciscoCmdParserForgetGraphs(void) {
+  for (kiv_uint32 i = 0; i < _keptSlotsUsed; i++) _keptSlot[i] = kNotCompiled;
+  _keptGraphCount = _nodeArenaUsed = _linkArenaUsed = _textArenaUsed = 0;
+  // The graph being walked may live in the arenas: walk an empty one until the next parse.
+  _linkRows = _buildLinks;
+  _linkStride = kBuildStride;
+  _nodeUsed = 0;
+}
+
+void ciscoCmdParserDropKeptRows(void) {
+  ciscoCmdParserForgetGraphs();
+  _keptRangeCount = _keptSlotsUsed = 0;
+}
+
+kiv_uint32 ciscoCmdParserKeptGraphs(void) { return _keptGraphCount; }
+
+// ---------------------------------------------------------------------------------------
 // Public interface
 
 kiv_int32 ciscoCmdParser(kiv_int32 argc, char **argv, const kiv_cmd_t **thisCmd, void **savedData, char **token) {
   KIV_ASSERT_IN(PARSER_FILE, thisCmd && *thisCmd && savedData);
 
-  _clearAllNodes();
   _thisCommand = *thisCmd;
-  // A parse rebuilds every node, so value slots of an earlier parse are dead.
-  _tempBufferUsed = 0;
-  _nonRepeatingTempBufferStart = 0;
   _redirectCommand = 0;
-  _nodeUsed = _splitCmdFormatTokens();
-  KIV_ASSERT_IN(PARSER_FILE, _nodeUsed>0);
-  _clearAllLinks();
-  kiv_uint32 totalNodes = _createCommandGraph();
-  KIV_ASSERT_IN(PARSER_FILE, totalNodes >0 && totalNodes <MAX_TOKENS);
-  KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
-  _nonRepeatingTempBufferStart = _tempBufferUsed;
+  kiv_int16 *slot = _keptSlotOf(_thisCommand);
+  if (slot && *slot >= 0) {
+    _loadGraph(_keptGraphs[*slot]);
+  } else {
+    // Built from the usage string: on a kept row's first parse, or for every parse of a
+    // row that is not kept.
+    _clearBuild();
+    _tempBufferUsed = 0;
+    _nonRepeatingTempBufferStart = 0;
+    _nodeUsed = _splitCmdFormatTokens();
+    KIV_ASSERT_IN(PARSER_FILE, _nodeUsed>0);
+    kiv_uint32 totalNodes = _createCommandGraph();
+    KIV_ASSERT_IN(PARSER_FILE, totalNodes >0 && totalNodes <MAX_TOKENS);
+    KIV_ASSERT_IN(PARSER_FILE, IS4BYTEALIGNED(_tempBufferUsed));
+    _loadGraph(_builtGraph(totalNodes, slot && *slot == kNotCompiled ? slot : nullptr));
+  }
 
-  kiv_matchResult_t r = _processUserCommand(totalNodes, argc, argv);
+  kiv_matchResult_t r = _processUserCommand(_nodeUsed + 1, argc, argv);
   if (token) *token = r.token;
   if (r.count > 0) {
     *savedData = r.first ? &_nodes[r.first] : nullptr;
@@ -951,12 +1065,11 @@ void ciscoCmdParserSetOutputMode(kiv_uint32 mode) { _outputMode = mode; }
 
 void ciscoCmdParserSetReplyHooks(const kiv_replyHooks_t *hooks) { _replyHooks = hooks; }
 
-void ciscoCmdParserSetFullClear(bool full) { _fullClear = full; }
 
 const kiv_parseNode_t *ciscoCmdParserNode(kiv_uint32 index) { return index < MAX_TOKENS ? &_nodes[index] : nullptr; }
 
 int ciscoCmdParserLinked(kiv_uint32 from, kiv_uint32 to) {
-  return (from < MAX_TOKENS && to <= MAX_TOKENS) ? _links[from][to] : 0;
+  return (from < MAX_TOKENS && to <= MAX_TOKENS && _linked(from, to)) ? 1 : 0;
 }
 
 kiv_uint32 ciscoCmdParserNodeUsed(void) { return _nodeUsed; }

@@ -30,7 +30,7 @@ void ciscoCmdParserReset(void);
 void ciscoCmdParserSetOutputMode(kiv_uint32 mode);
 
 // ---------------------------------------------------------------------------------------
-// Additions: node records, inspection of the last parse, reply hooks, clearing policy.
+// Additions: node records, inspection of the last parse, reply hooks, kept graphs.
 
 // One node of the command graph.
 struct kiv_parseNode_t {
@@ -46,7 +46,8 @@ struct kiv_parseNode_t {
   kiv_uint8 endCommand : 1;     // "<cr>"
   // attributes
   kiv_uint8 repeat : 1;         // carries a repeat range
-  kiv_uint8 attrSpare : 7;
+  kiv_uint8 selfCut : 1;        // matched max_repeat times: its self link no longer counts
+  kiv_uint8 attrSpare : 6;
   kiv_uint16 len;               // text length; a parameter's value size after a match
   kiv_uint16 prevIndex;         // matched before this node on the current path
   kiv_uint16 nextIndex;         // matched after this node; 0 ends the path
@@ -88,7 +89,16 @@ struct kiv_replyHooks_t {
 };
 void ciscoCmdParserSetReplyHooks(const kiv_replyHooks_t *hooks);   // null: no reply
 
-// Clearing policy before each parse: false (default) clears only the node records and link
-// rows/columns that earlier parses touched; true clears all 2048 records and the whole link
-// matrix every time (the reference cost, used by the benchmark).
-void ciscoCmdParserSetFullClear(bool full);
+// Kept graphs. Each row of `rows` has its graph compiled on its first parse and reused for
+// every later parse, help listing and completion; only the node records are copied per
+// parse. A kept row's usage and parameter types must not change while it is kept. The
+// engine keeps the rows of every group tree given to kiv_userInit; other rows (a row made
+// on the fly) are built from their usage for each parse. Registering rows twice is a no-op.
+void ciscoCmdParserKeepRows(const kiv_cmd_t *rows, kiv_uint32 count);
+// Forgets the compiled graphs; kept rows compile again on their next parse (for a program
+// that rewrites a kept row).
+void ciscoCmdParserForgetGraphs(void);
+// Forgets the graphs and which rows are kept (kiv_init).
+void ciscoCmdParserDropKeptRows(void);
+// Number of graphs compiled and kept so far.
+kiv_uint32 ciscoCmdParserKeptGraphs(void);

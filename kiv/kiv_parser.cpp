@@ -873,6 +873,15 @@ bool reportResult(const User &u) {
   return false;
 }
 
+// Keeps the command graphs of every row in the group tree below grp, so that each row's
+// grammar is compiled once.
+void keepGraphs(const kiv_group_t *grp, kiv_uint32 depth) {
+  if (grp == nullptr || depth > KIV_MAXDIRSTACKDEPTH) return;
+  if (grp->cmds) ciscoCmdParserKeepRows(grp->cmds, grp->cmdCount);
+  if (grp->subGroups)
+    for (kiv_uint32 i = 0; i < grp->subGroupCount; i++) keepGraphs(&grp->subGroups[i], depth + 1);
+}
+
 }  // namespace
 
 // ---- public interface ------------------------------------------------------------------
@@ -880,6 +889,7 @@ bool reportResult(const User &u) {
 kiv_int32 kiv_init(kiv_uint32 maxUsers, kiv_uint32 tokenSize, kiv_uint32 maxTokens) {
   if (maxUsers == 0 || tokenSize < 2 || maxTokens < 2) return -1;
   g = Engine{};
+  ciscoCmdParserDropKeptRows();
   g.users.reset(new (std::nothrow) User[maxUsers]);
   g.registry.reset(new (std::nothrow) RegistryEntry[maxUsers]);
   g.tokenStore.reset(new (std::nothrow) char[static_cast<size_t>(tokenSize) * maxTokens]);
@@ -936,6 +946,7 @@ kiv_uint32 kiv_userInit(const char *name, kiv_uint32 outputMode, kiv_uint32 user
   u.registered = 1;
   std::strcpy(g.registry[freeSlot].name, name);
   g.registry[freeSlot].id = freeSlot;
+  keepGraphs(root, 0);
   ciscoCmdParserSetOutputMode(u.outputMode);
   return freeSlot;
 }

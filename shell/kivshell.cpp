@@ -391,21 +391,26 @@ int kiv_processLine(char *line, int length) {
   return 1;
 }
 
-int kiv_buildPrompt(char *prompt, int /*size*/, char *line, signed char lastTerminator) {
-  // The path up to its first Tab, then one blank; bounded to the prompt buffer.
-  size_t n = 0;
-  while (n < KIV_PATHBUF_SIZE && kiv_pathBuffer[n] != '\0' && kiv_pathBuffer[n] != '\t' &&
-         n < KIV_PROMPT_SIZE - 2) {
-    prompt[n] = kiv_pathBuffer[n];
-    ++n;
-  }
-  prompt[n++] = ' ';
-  prompt[n] = '\0';
-
+void kiv_preloadLine(char *line, signed char lastTerminator) {
   if (kiv_pathBuffer[0] != '\0' && (lastTerminator == '\t' || lastTerminator == '?'))
     boundedCopy(line, kiv_outputBuffer, KIV_LINE_SIZE - 1);  // room for newline and NUL
   else
     line[0] = '\0';
+}
+
+int kiv_buildPrompt(char *prompt, int size, char *line, signed char lastTerminator) {
+  // The path up to its first Tab, then one blank; cut to fit the size bytes.
+  if (prompt != nullptr && size > 0) {
+    const size_t room = static_cast<size_t>(size) - 1;   // the NUL
+    size_t n = 0;
+    while (n + 1 < room && n < KIV_PATHBUF_SIZE && kiv_pathBuffer[n] != '\0' && kiv_pathBuffer[n] != '\t') {
+      prompt[n] = kiv_pathBuffer[n];
+      ++n;
+    }
+    if (n < room) prompt[n++] = ' ';
+    prompt[n] = '\0';
+  }
+  if (line != nullptr) kiv_preloadLine(line, lastTerminator);
   return 0;
 }
 
@@ -450,8 +455,6 @@ int kivshell_main(int argc, char **argv) {
     puts("kivshell: cannot open /dev/null");
     return -1;
   }
-  // A log or a pipe gets whole lines as they are made, in step with standard error.
-  if (!isatty(STDOUT_FILENO)) setvbuf(stdout, nullptr, _IOLBF, 0);
   if (applyEnvironment() != 0) {
     close(devNull);
     return 1;

@@ -18,7 +18,12 @@ int kivshell_finishOutput(int status);
 
 void kiv_loadConfig(void);
 int kiv_processLine(char *line, int length);
+// Writes the prompt for the next read into prompt (at most size bytes with the NUL): the
+// engine's path up to its first Tab and one blank. Then pre-loads line (kiv_preloadLine).
 int kiv_buildPrompt(char *prompt, int size, char *line, signed char lastTerminator);
+// The text the next line starts with: after a Tab or a "?" (lastTerminator) the text the
+// engine left for the editor, otherwise nothing. line holds KIV_LINE_SIZE bytes.
+void kiv_preloadLine(char *line, signed char lastTerminator);
 
 extern char kiv_prompt[KIV_PROMPT_SIZE];
 extern int kiv_promptLen;

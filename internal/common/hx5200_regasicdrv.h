@@ -1,10 +1,41 @@
-// Register and field descriptions of the HX5200 used by the MIB and VLAN drivers.
+// Register and field descriptions of the HX5200 used by the drivers and the commands: the
+// one place for the chip's register addresses.
 // Addresses are full chip addresses (page byte in bits 24..31); the transports carry
 // the low 24 bits and the switch-core page (0x4A) selects the rest.
 // Fields are described by their lowest bit (_LSP) and width (_LEN).
 #pragma once
 
 #include <cstdint>
+
+// ---- indirect access ------------------------------------------------------------------
+// Reaches a full chip address without touching the page register: the command word (the
+// target address OR-ed with READ or WRITE) goes to CTRL, the value through DATA; CTRL
+// shows DONE when the access has completed.
+constexpr uint32_t INDIR_ACCESS_CTRL = 0xFFFF11u;
+constexpr uint32_t INDIR_ACCESS_DATA = 0xFFFF15u;
+constexpr uint32_t INDIR_ACCESS_READ = 0x3D000000u;
+constexpr uint32_t INDIR_ACCESS_WRITE = 0x3F000000u;
+constexpr uint32_t INDIR_ACCESS_DONE = 0x80000000u;
+
+// ---- version registers -----------------------------------------------------------------
+constexpr uint32_t SW_FW_VERSION = 0x4A1F0100u;
+constexpr uint32_t SW_CHIP_VERSION = 0x4A1F0104u;
+
+// ---- internal PHY access (MDC/MDIO master of the switch) ------------------------------
+// CFG bit 9 selects the external access pins; CMD is the PHY access command word; AUX
+// holds the channel PHY ID (bits 16..19) or the MMD address.
+constexpr uint32_t PHY_ACCESS_CFG = 0x4A180048u;
+constexpr uint32_t PHY_ACCESS_CFG_SEL_EXT_LSP = 9;
+constexpr uint32_t PHY_ACCESS_CMD = 0x4A18004Cu;
+constexpr uint32_t PHY_ACCESS_AUX = 0x4A180050u;
+
+// ---- external-PHY (MDX) controller -----------------------------------------------------
+// CFG: divisor bits 9..13, preamble code 2..3. PHY_ID: bits 0..4. CMD: start bit 0,
+// register 8..12, data 16..31. PIN_CTRL bit 4 is cleared while the controller is in use.
+constexpr uint32_t MDX_CFG = 0x4A450040u;
+constexpr uint32_t MDX_PHY_ID = 0x4A450044u;
+constexpr uint32_t MDX_CMD = 0x4A450048u;
+constexpr uint32_t MDX_PIN_CTRL = 0x4A640008u;
 
 // ---- MIB counters ----------------------------------------------------------------------
 // Global MIB control: bits 0..1 counting enables, bit 16 global reset (self-clearing),

@@ -261,28 +261,38 @@ const kiv_group_t hx3100_group = {
 };
 
 // Prints "<command> <first word>: not supported" with the word as the user gave it (a
-// keyword or text as its text, a number in decimal) and fails the command.
+// keyword or text as its text, a number in decimal; nothing when it is missing) and fails
+// the command.
 kiv_int32 hx5200_cmd_notSupported(kiv_uint32, kiv_int32, void **argv) {
   const kiv_cmd_t *cmd = kiv_currentCmd();
   const char *name = cmd ? cmd->cmdName : "";
-  void *value = nullptr;
-  kiv_uint32 size = 0;
-  if (argv == nullptr || kiv_getNextCmdToken(argv, &value, &size) != 0 || value == nullptr) {
+  const cmd_arg_t first = argv ? cmd_nextArg(argv) : cmd_arg_t{};
+  if (first.word)
+    printf("%s %s: not supported\n", name, first.word);
+  else if (first.present)
+    printf("%s %u: not supported\n", name, first.num);
+  else
     printf("%s: not supported\n", name);
-  } else if (size == 4) {
-    // Only "%d" values come with size 4 in these grammars (no repeatable keywords).
-    kiv_uint32 n;
-    std::memcpy(&n, value, 4);
-    printf("%s %u: not supported\n", name, n);
-  } else if (size != 0) {
-    printf("%s %.*s: not supported\n", name, static_cast<int>(size), static_cast<const char *>(value));
-  } else {
-    printf("%s %s: not supported\n", name, static_cast<const char *>(value));
-  }
   return -1;
 }
 
 // Switch initialisation is not part of this tool's command set.
 kiv_int32 hx5200_cmd_init(kiv_uint32 uid, kiv_int32 argc, void **argv) {
   return hx5200_cmd_notSupported(uid, argc, argv);
+}
+
+const cmd_subWords_t *hx5200_subWords(kiv_cmdFunc handler) {
+  struct Family {
+    kiv_cmdFunc handler;
+    const cmd_subWords_t *words;
+  };
+  static constexpr Family kFamilies[] = {
+      {hx5200_cmd_reg, &hx5200_wordsReg}, {hx5200_cmd_smi, &hx5200_wordsSmi}, {hx5200_cmd_mmd, &hx5200_wordsMmd},
+      {hx5200_cmd_mdx, &hx5200_wordsMdx}, {hx5200_cmd_phy, &hx5200_wordsPhy}, {hx5200_cmd_mib, &hx5200_wordsMib},
+      {hx5200_cmd_vlan, &hx5200_wordsVlan}, {hx5200_cmd_set, &hx5200_wordsSet}, {hx5200_cmd_get, &hx5200_wordsGet},
+      {hx5200_cmd_spi, &hx5200_wordsSpi},
+  };
+  for (const Family &f : kFamilies)
+    if (f.handler == handler) return f.words;
+  return nullptr;
 }

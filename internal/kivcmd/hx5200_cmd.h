@@ -47,9 +47,16 @@ extern const char hx5200_usageSpi[];
 // ---- token readers ---------------------------------------------------------------------
 // A handler pulls its values in grammar order. Keywords and text come with size 0, numbers
 // ("%d") with size 4.
+//
+// Missing has one meaning for every reader: no value is left on the line, or the next value
+// is not of the kind the reader asks for (a number where text is asked, text where a number
+// is asked; the value is taken either way). Every reader reports it the same way: text
+// readers return null, number readers return false and leave their output as it was, and
+// the readers with a fallback return the fallback their caller names. No reader hands out a
+// number's bytes as text.
 
-// One value: a keyword or text (`word`), or a number (`num`); `present` false when the
-// values are used up.
+// One value: a keyword or text (`word`), or a number (`num`); `present` false when missing
+// (a value that is neither, such as an address, counts as missing too).
 struct cmd_arg_t {
   const char *word = nullptr;
   kiv_uint32 num = 0;
@@ -60,51 +67,38 @@ inline cmd_arg_t cmd_nextArg(void **argv) {
   void *p = nullptr;
   kiv_uint32 sz = 0;
   if (kiv_getNextCmdToken(argv, &p, &sz) != 0 || p == nullptr) return a;
-  a.present = true;
-  if (sz == 0)
+  if (sz == 0) {
     a.word = static_cast<const char *>(p);
-  else if (sz == 4)
+    a.present = true;
+  } else if (sz == 4) {
     std::memcpy(&a.num, p, 4);
+    a.present = true;
+  }
   return a;
 }
 
-// The next value as text (a keyword, "%s" text), null when none is left.
-inline const char *cmd_nextStr(void **argv) {
-  void *p = nullptr;
-  kiv_uint32 sz = 0;
-  if (kiv_getNextCmdToken(argv, &p, &sz) != 0) return nullptr;
-  return static_cast<const char *>(p);
-}
+// The next keyword or text; null when missing.
+inline const char *cmd_nextStr(void **argv) { return cmd_nextArg(argv).word; }
 
-// The next keyword or text; "" for a number or when none is left.
-inline const char *cmd_nextWord(void **argv) {
-  const cmd_arg_t a = cmd_nextArg(argv);
-  return a.word ? a.word : "";
-}
-
-// The next number into *value; false (value untouched) for a keyword or when none is left.
+// The next number into *value; false (value untouched) when missing.
 inline bool cmd_nextU32(void **argv, kiv_uint32 *value) {
-  void *p = nullptr;
-  kiv_uint32 sz = 0;
-  if (kiv_getNextCmdToken(argv, &p, &sz) != 0 || p == nullptr) return false;
-  if (sz == 4) {
-    std::memcpy(value, p, 4);
-    return true;
-  }
-  return false;
+  const cmd_arg_t a = cmd_nextArg(argv);
+  if (a.word != nullptr || !a.present) return false;
+  *value = a.num;
+  return true;
 }
 
-// The next number; 0 for a keyword or when none is left.
-inline kiv_uint32 cmd_nextNum(void **argv) {
-  kiv_uint32 v = 0;
+// The next number; `fallback` when missing.
+inline kiv_uint32 cmd_nextNumOr(void **argv, kiv_uint32 fallback) {
+  kiv_uint32 v = fallback;
   cmd_nextU32(argv, &v);
   return v;
 }
 
-// The next number, remembered in *last; when none is typed, the number taken before.
+// cmd_nextNumOr with the number taken before as the fallback; a number taken replaces it
+// (the `mib` subcommands reuse the last port this way).
 inline kiv_uint32 cmd_nextNumOrLast(void **argv, kiv_uint32 *last) {
-  kiv_uint32 v = 0;
-  if (cmd_nextU32(argv, &v)) *last = v;
+  *last = cmd_nextNumOr(argv, *last);
   return *last;
 }
 
@@ -122,7 +116,9 @@ inline bool cmd_wordIs(const char *word, std::string_view keyword) {
 
 // ---- subcommands -----------------------------------------------------------------------
 // A family handler takes its first word and runs the row of its table with that word.
-// Rows hold the family's handler type (most families: cmd_subFn).
+// Rows hold the family's handler type (most families: cmd_subFn). A table is declared with
+// std::to_array so that its size is counted by the compiler, and it has exactly one row
+// per first word of the family's grammar (checked by the tests through hx5200_subWords).
 using cmd_subFn = kiv_int32 (*)(void **argv);
 template <typename Fn = cmd_subFn>
 struct cmd_sub_t {
@@ -146,3 +142,22 @@ kiv_int32 cmd_runSub(const std::array<cmd_sub_t<>, N> &table, const char *word, 
   const cmd_sub_t<> *row = cmd_findSub(table, word);
   return row ? row->fn(argv) : otherwise;
 }
+
+// A family's subcommand table seen by its words only.
+struct cmd_subWords_t {
+  const void *rows;
+  size_t count;
+  std::string_view (*wordAt)(const void *rows, size_t i);
+  std::string_view word(size_t i) const { return wordAt(rows, i); }
+};
+template <typename Fn, size_t N>
+constexpr cmd_subWords_t cmd_subWords(const std::array<cmd_sub_t<Fn>, N> &table) {
+  return {table.data(), N, [](const void *rows, size_t i) { return static_cast<const cmd_sub_t<Fn> *>(rows)[i].word; }};
+}
+
+// The subcommand table that a command row's handler runs (rows sharing a handler share
+// it); null for the handlers that take no subcommand word (the rows the tool does not
+// provide). A new family handler is listed here with its table.
+const cmd_subWords_t *hx5200_subWords(kiv_cmdFunc handler);
+extern const cmd_subWords_t hx5200_wordsReg, hx5200_wordsSmi, hx5200_wordsMmd, hx5200_wordsMdx,
+    hx5200_wordsPhy, hx5200_wordsMib, hx5200_wordsVlan, hx5200_wordsSet, hx5200_wordsGet, hx5200_wordsSpi;

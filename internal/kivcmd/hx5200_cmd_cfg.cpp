@@ -8,16 +8,13 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "internal/common/hx5200_regasicdrv.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 
 uint8_t hx_mibFormat = 0;     // 0 decimal, 1 hexadecimal
 uint8_t hx_chipVersion = 1;   // 0..3 = versions a..d
 
 namespace {
-
-// Version registers of the switch (switch-core page).
-constexpr uint32_t kFwVersionReg = 0x4A1F0100u;
-constexpr uint32_t kChipVersionReg = 0x4A1F0104u;
 
 kiv_int32 setRegif(void **argv) {
   const char *name = cmd_nextStr(argv);
@@ -61,12 +58,12 @@ struct ChipVersionWord {
   std::string_view upper;
   uint8_t version;
 };
-constexpr std::array<ChipVersionWord, 4> kChipVersions{{
+constexpr auto kChipVersions = std::to_array<ChipVersionWord>({
     {"a", "A", 0},
     {"b", "B", 1},
     {"c", "C", 2},
     {"d", "D", 3},
-}};
+});
 
 kiv_int32 setChipver(void **argv) {
   const char *name = cmd_nextStr(argv);
@@ -80,18 +77,18 @@ kiv_int32 setChipver(void **argv) {
 
 kiv_int32 acceptOnly(void **) { return 0; }
 
-constexpr std::array<const char *, 5> kChipVersionText{{
+constexpr auto kChipVersionText = std::to_array<const char *>({
     nullptr,
     "\nSwitch Chip Version: ES1",
     "\nSwitch Chip Version: ES2",
     "\nSwitch Chip Version: ES3",
     "\nSwitch Chip Version: Formal Chip",
-}};
+});
 
 // A version that cannot be read prints nothing; the line fails all the same (-e).
 kiv_int32 getFwver(void **) {
   uint32_t value = 0;
-  if (reg_read(1, kFwVersionReg, &value) == 0)
+  if (reg_read(1, SW_FW_VERSION, &value) == 0)
     printf("\nFirmware Version 0x%x\n", value);
   else
     kiv_markLineFailed();
@@ -100,7 +97,7 @@ kiv_int32 getFwver(void **) {
 
 kiv_int32 getChipver(void **) {
   uint32_t value = 0;
-  if (reg_read(1, kChipVersionReg, &value) != 0)
+  if (reg_read(1, SW_CHIP_VERSION, &value) != 0)
     kiv_markLineFailed();
   else if (value < kChipVersionText.size() && kChipVersionText[value] != nullptr)
     puts(kChipVersionText[value]);
@@ -133,7 +130,7 @@ const char hx5200_usageSet[] =
 namespace {
 // Words of `set` in the order they are compared. A null function marks a word whose
 // driver action this tool does not have.
-constexpr std::array<cmd_sub_t<>, 27> kSetWords{{
+constexpr auto kSetWords = std::to_array<cmd_sub_t<>>({
     {"regif", setRegif},
     {"mibfmt", setMibfmt},
     {"mdxid", setMdxid},
@@ -161,7 +158,7 @@ constexpr std::array<cmd_sub_t<>, 27> kSetWords{{
     {"spich", acceptOnly},
     {"spispd", acceptOnly},
     {"spils", acceptOnly},
-}};
+});
 
 }  // namespace
 
@@ -185,10 +182,10 @@ kiv_int32 hx5200_cmd_set(kiv_uint32, kiv_int32, void **argv) {
 const char hx5200_usageGet[] = "{ fwver'get firmware version'  | chipver'get chip version' }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 2> kGetWords{{
+constexpr auto kGetWords = std::to_array<cmd_sub_t<>>({
     {"fwver", getFwver},
     {"chipver", getChipver},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_get(kiv_uint32, kiv_int32, void **argv) {
@@ -196,3 +193,6 @@ kiv_int32 hx5200_cmd_get(kiv_uint32, kiv_int32, void **argv) {
   puts("GET CMD Over");
   return 0;
 }
+
+const cmd_subWords_t hx5200_wordsSet = cmd_subWords(kSetWords);
+const cmd_subWords_t hx5200_wordsGet = cmd_subWords(kGetWords);

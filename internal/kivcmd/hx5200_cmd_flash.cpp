@@ -309,7 +309,7 @@ bool read_image(const char *file, uint64_t offset, uint64_t len, uint32_t base, 
 // ---- subcommands ---------------------------------------------------------------------
 
 Outcome sub_read(void **argv) {
-  uint32_t addr = cmd_nextNum(argv), len = cmd_nextNum(argv);
+  uint32_t addr = cmd_nextNumOr(argv, 0), len = cmd_nextNumOr(argv, 0);
   if (!channel_ok(cfg.channel)) {
     puts("Channel must be set 1, 2 or 4!");
     return {-1};
@@ -332,7 +332,7 @@ Outcome sub_read(void **argv) {
 }
 
 Outcome sub_write(void **argv) {
-  uint32_t addr = cmd_nextNum(argv), data = cmd_nextNum(argv), len = cmd_nextNum(argv);
+  uint32_t addr = cmd_nextNumOr(argv, 0), data = cmd_nextNumOr(argv, 0), len = cmd_nextNumOr(argv, 0);
   spi_flash_clear_protect();
   if (len > 4) {
     puts("length should not be more than 4 bytes!");
@@ -358,7 +358,7 @@ Outcome sub_erase(void **argv) {
   }
   const bool sector = k == "sector";
   if (!sector && k != "block") return {-2};
-  const uint32_t first = cmd_nextNum(argv), last = cmd_nextNum(argv);
+  const uint32_t first = cmd_nextNumOr(argv, 0), last = cmd_nextNumOr(argv, 0);
   const uint32_t shift = sector ? 12 : 16;
   // The flash sees 24 address bits: one pass over them erases everything a longer range
   // would, so the count is bounded there (a range up to 0xFFFFFFFF must still end).
@@ -392,9 +392,9 @@ Outcome sub_rdid(void **) {
 Outcome sub_wrsr(void **argv) {
   const char *which = cmd_nextStr(argv);
   std::string_view w = which ? which : "";
-  uint32_t status = cmd_nextNum(argv);
+  uint32_t status = cmd_nextNumOr(argv, 0);
   if (w == "1") return {spi_flash_write_status((uint8_t)status, 0, false)};
-  if (w == "2") return {spi_flash_write_status((uint8_t)status, (uint8_t)cmd_nextNum(argv), true)};
+  if (w == "2") return {spi_flash_write_status((uint8_t)status, (uint8_t)cmd_nextNumOr(argv, 0), true)};
   return {-2};
 }
 
@@ -403,7 +403,7 @@ Outcome sub_wrdi(void **) { return {spi_flash_write_disable()}; }
 Outcome sub_clearprotect(void **) { return {spi_flash_clear_protect()}; }
 
 Outcome sub_setch(void **argv) {
-  uint32_t n = cmd_nextNum(argv);
+  uint32_t n = cmd_nextNumOr(argv, 0);
   if (!channel_ok(n)) {
     puts("please set 1, 2, 4");
     return {-2};
@@ -418,7 +418,7 @@ Outcome sub_getch(void **) {
 }
 
 Outcome sub_setspd(void **argv) {
-  uint32_t n = cmd_nextNum(argv), source = 0, divisor = 0;
+  uint32_t n = cmd_nextNumOr(argv, 0), source = 0, divisor = 0;
   if (!spi_flash_clock_pair(n, &source, &divisor)) {
     puts("please set 12, 33, 50, 75, 100");
     return {-2};
@@ -438,7 +438,7 @@ Outcome sub_getspd(void **) {
 }
 
 Outcome sub_setsysdly(void **argv) {
-  cfg.sysDelay = cmd_nextNum(argv) & 0xFF;
+  cfg.sysDelay = cmd_nextNumOr(argv, 0) & 0xFF;
   return {0};
 }
 
@@ -448,7 +448,7 @@ Outcome sub_getsysdly(void **) {
 }
 
 Outcome sub_dumptobin(void **argv) {
-  uint32_t start = cmd_nextNum(argv), len = cmd_nextNum(argv);
+  uint32_t start = cmd_nextNumOr(argv, 0), len = cmd_nextNumOr(argv, 0);
   int err = 0;
   FILE *f = open_flash_file(kDumpFile, true, err);
   if (!f) {
@@ -512,7 +512,7 @@ Outcome sub_verify(void **argv) {
 
 Outcome sub_verifywithbase(void **argv) {
   const char *file = cmd_nextStr(argv);
-  uint32_t fileStart = cmd_nextNum(argv), flashStart = cmd_nextNum(argv), len = cmd_nextNum(argv);
+  uint32_t fileStart = cmd_nextNumOr(argv, 0), flashStart = cmd_nextNumOr(argv, 0), len = cmd_nextNumOr(argv, 0);
   FILE *f = open_image(file);
   if (!f) return {-1};
   FileCloser closer{f};
@@ -633,7 +633,7 @@ Outcome sub_update(void **argv) {
 
 Outcome sub_pgwithbase(void **argv) {
   const char *file = cmd_nextStr(argv);
-  uint32_t fileStart = cmd_nextNum(argv), flashStart = cmd_nextNum(argv), len = cmd_nextNum(argv);
+  uint32_t fileStart = cmd_nextNumOr(argv, 0), flashStart = cmd_nextNumOr(argv, 0), len = cmd_nextNumOr(argv, 0);
   if (!file_accessible(file)) return {-1};
   print_file_info(file);
   std::vector<uint8_t> img;
@@ -694,7 +694,7 @@ const char hx5200_usageSpi[] =
 
 namespace {
 
-constexpr std::array<cmd_sub_t<SubFn>, 26> kSubCmds = {{
+constexpr auto kSubCmds = std::to_array<cmd_sub_t<SubFn>>({
     {"read", sub_read},
     {"write", sub_write},
     {"erase", sub_erase},
@@ -721,7 +721,7 @@ constexpr std::array<cmd_sub_t<SubFn>, 26> kSubCmds = {{
     {"pg0861flash2", sub_pg0861flash2},
     {"verifywithbase", sub_verifywithbase},
     {"verify", sub_verify},
-}};
+});
 
 Outcome run_subcommand(const char *word, void **argv) {
   const cmd_sub_t<SubFn> *row = cmd_findSub(kSubCmds, word ? word : "");
@@ -752,3 +752,5 @@ kiv_int32 hx5200_cmd_spi(kiv_uint32 uid, kiv_int32 argc, void **argv) {
   puts("SPI Flash CMD Over");
   return rc;
 }
+
+const cmd_subWords_t hx5200_wordsSpi = cmd_subWords(kSubCmds);

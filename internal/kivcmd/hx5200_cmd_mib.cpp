@@ -514,7 +514,7 @@ const char hx5200_usageMib[] =
     "clearall'clear the mib counter on all ports' }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 11> kMibCmds{{
+constexpr auto kMibCmds = std::to_array<cmd_sub_t<>>({
     {"enable", mibEnable},
     {"read", mibRead},
     {"sys", mibSys},
@@ -526,10 +526,12 @@ constexpr std::array<cmd_sub_t<>, 11> kMibCmds{{
     {"rwaketest", mibRwaketest},
     {"clear", mibClear},
     {"clearall", mibClearall},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_mib(kiv_uint32 /*uid*/, kiv_int32 /*argc*/, void **argv) {
-  if (const cmd_sub_t<> *row = cmd_findSub(kMibCmds, cmd_nextWord(argv))) return row->fn(argv);
+  if (const cmd_sub_t<> *row = cmd_findSub(kMibCmds, cmd_nextStr(argv))) return row->fn(argv);
   return mibOver();   // an unknown word ends like the counters' commands
 }
+
+const cmd_subWords_t hx5200_wordsMib = cmd_subWords(kMibCmds);

@@ -8,29 +8,17 @@
 #include <string_view>
 
 #include "access/access.h"
+#include "internal/common/hx5200_regasicdrv.h"
 #include "internal/kivcmd/hx5200_cmd.h"
 
 namespace {
 
-// ---- chip registers ---------------------------------------------------------------------
-constexpr uint32_t kIndirCtrl = 0xFFFF11u;        // indirect access control
-constexpr uint32_t kIndirData = 0xFFFF15u;        // indirect access data
-constexpr uint32_t kIndirReadCmd = 0x3D000000u;   // OR-ed into the target address
-constexpr uint32_t kIndirWriteCmd = 0x3F000000u;
-constexpr uint32_t kIndirDone = 0x80000000u;
+// ---- poll bounds and PHY numbers (the registers are in hx5200_regasicdrv.h) ---------------
 constexpr uint32_t kIndirPollLimit = 10000u;      // successful polls before giving up (11)
 
-constexpr uint32_t kPhyAccessCfg = 0x4A180048u;   // bit 9 SEL_EXT_ACCESS
-constexpr uint32_t kSelExtAccessBit = 9u;
-constexpr uint32_t kPhyAccessCmd = 0x4A18004Cu;   // PHY access command word
-constexpr uint32_t kPhyAccessAux = 0x4A180050u;   // channel PHY ID (16..19) / MMD address
 constexpr uint32_t kPhyIdlePolls = 1000u;
 constexpr uint32_t kChannelPolls = 20u;
 
-constexpr uint32_t kMdxCfg = 0x4A450040u;         // divisor 9..13, preamble code 2..3
-constexpr uint32_t kMdxPhyId = 0x4A450044u;       // PHY ID 0..4
-constexpr uint32_t kMdxCmd = 0x4A450048u;         // start 0, reg 8..12, data 16..31
-constexpr uint32_t kMdxPinCtl = 0x4A640008u;      // bit 4 cleared while the MDX is in use
 constexpr uint32_t kMdxPolls = 65536u;
 
 constexpr uint32_t kGphyNumber = 4u;              // the gigabit PHY with extension pages
@@ -160,12 +148,12 @@ struct PageWord {
   const char *before;   // printed before the write, or null
   const char *after;    // printed after the write
 };
-constexpr std::array<PageWord, 4> kPageWords{{
+constexpr auto kPageWords = std::to_array<PageWord>({
     {"axi", PAGE_AXI, nullptr, "Change to AXI\r"},
     {"cpu", PAGE_CPU, nullptr, "Change to CPU\r"},
     {"swcore", PAGE_SWCORE, "Switch core\r", "Change to Switch Core\r"},
     {"spic", PAGE_SPIC, "SPI Control\r", "Change to SPI Controler\r"},
-}};
+});
 
 kiv_int32 regChgPage(void **argv) {
   const cmd_arg_t arg = cmd_nextArg(argv);
@@ -204,9 +192,9 @@ kiv_int32 indirPoll() {
   uint32_t polls = 0;
   for (;;) {
     uint32_t value = 0;
-    const kiv_int32 rc = reg_read(kUnit, kIndirCtrl, &value);
+    const kiv_int32 rc = reg_read(kUnit, INDIR_ACCESS_CTRL, &value);
     if (rc != 0) return rc;
-    if ((value & kIndirDone) != 0) return 0;
+    if ((value & INDIR_ACCESS_DONE) != 0) return 0;
     if (++polls > kIndirPollLimit) return 11;
   }
 }
@@ -222,8 +210,8 @@ int32_t indirWrite(uint32_t addr, uint32_t data) {
       }
       return reg_write(kUnit, addr | indirHighByte, data);
     default: {
-      kiv_int32 rc = reg_write(kUnit, kIndirData, data);
-      if (rc == 0) rc = reg_write(kUnit, kIndirCtrl, addr | kIndirWriteCmd);
+      kiv_int32 rc = reg_write(kUnit, INDIR_ACCESS_DATA, data);
+      if (rc == 0) rc = reg_write(kUnit, INDIR_ACCESS_CTRL, addr | INDIR_ACCESS_WRITE);
       if (rc == 0) rc = indirPoll();
       return rc;
     }
@@ -237,9 +225,9 @@ int32_t indirRead(uint32_t addr, uint32_t *value) {
     case ACCESS_IF_RESERVED:
       return reg_read(kUnit, addr | indirHighByte, value);
     default: {
-      kiv_int32 rc = reg_write(kUnit, kIndirCtrl, addr | kIndirReadCmd);
+      kiv_int32 rc = reg_write(kUnit, INDIR_ACCESS_CTRL, addr | INDIR_ACCESS_READ);
       if (rc == 0) rc = indirPoll();
-      if (rc == 0) rc = reg_read(kUnit, kIndirData, value);
+      if (rc == 0) rc = reg_read(kUnit, INDIR_ACCESS_DATA, value);
       return rc;
     }
   }
@@ -275,7 +263,7 @@ kiv_int32 smiExtAccess(void **argv) {
     uint32_t value = 0;
     if (!cmd_takeNums(argv, value)) return -1;
     const uint32_t on = (value & 0xFFu) != 0 ? 1u : 0u;
-    if (reg_field_write(kUnit, kPhyAccessCfg, kSelExtAccessBit, 1, on) != 0) {
+    if (reg_field_write(kUnit, PHY_ACCESS_CFG, PHY_ACCESS_CFG_SEL_EXT_LSP, 1, on) != 0) {
       puts("Access register fail\r");
       return -1;
     }
@@ -285,7 +273,7 @@ kiv_int32 smiExtAccess(void **argv) {
     // The bit is taken from a word that is not read from the chip (kept as built).
     const uint32_t word = 0;
     uint32_t bit = 0;
-    if (reg_field_get(kUnit, kPhyAccessCfg, kSelExtAccessBit, 1, &bit, word) != 0) {
+    if (reg_field_get(kUnit, PHY_ACCESS_CFG, PHY_ACCESS_CFG_SEL_EXT_LSP, 1, &bit, word) != 0) {
       puts("Access register fail\r");
       return -1;
     }
@@ -311,22 +299,22 @@ kiv_int32 smiChannel(void **argv) {
   if (phy == 0xBu) page = 31;   // the T18 is reached on page 31 only
   reg &= 0x1Fu;
 
-  if (reg_field_write(kUnit, kPhyAccessCfg, kSelExtAccessBit, 1, 0) != 0) return -1;   // MAC drives
-  if (reg_field_write(kUnit, kPhyAccessAux, 16, 4, phy) != 0) return -1;
+  if (reg_field_write(kUnit, PHY_ACCESS_CFG, PHY_ACCESS_CFG_SEL_EXT_LSP, 1, 0) != 0) return -1;   // MAC drives
+  if (reg_field_write(kUnit, PHY_ACCESS_AUX, 16, 4, phy) != 0) return -1;
   uint32_t cmd = 0;
-  (void)reg_field_set(kUnit, kPhyAccessCmd, 3, 5, page, &cmd);
-  (void)reg_field_set(kUnit, kPhyAccessCmd, 8, 5, reg, &cmd);
+  (void)reg_field_set(kUnit, PHY_ACCESS_CMD, 3, 5, page, &cmd);
+  (void)reg_field_set(kUnit, PHY_ACCESS_CMD, 8, 5, reg, &cmd);
   if (isSet)
-    (void)reg_field_set(kUnit, kPhyAccessCmd, 16, 16, value, &cmd);
+    (void)reg_field_set(kUnit, PHY_ACCESS_CMD, 16, 16, value, &cmd);
   else
     cmd |= 1u << 1;
   cmd |= 1u;
-  if (reg_write(kUnit, kPhyAccessCmd, cmd) != 0) return -1;
+  if (reg_write(kUnit, PHY_ACCESS_CMD, cmd) != 0) return -1;
 
   uint32_t word = cmd;
   bool done = false;
   for (uint32_t i = 0; i < kChannelPolls && !done; ++i)
-    done = reg_read(kUnit, kPhyAccessCmd, &word) == 0 && (word & 1u) == 0;
+    done = reg_read(kUnit, PHY_ACCESS_CMD, &word) == 0 && (word & 1u) == 0;
   if (!done) return -1;
   if (isSet)
     printf("Write data Page: 0x%x Reg: %d value:0x%x\r\n", page, static_cast<int>(reg), word >> 16);
@@ -341,7 +329,7 @@ kiv_int32 smiChannel(void **argv) {
 kiv_int32 phyWaitIdle() {
   for (uint32_t i = 0; i < kPhyIdlePolls; ++i) {
     uint32_t word = 0;
-    const kiv_int32 rc = reg_read(kUnit, kPhyAccessCmd, &word);
+    const kiv_int32 rc = reg_read(kUnit, PHY_ACCESS_CMD, &word);
     if (rc != 0) return rc;
     if ((word & 1u) == 0) return 0;
   }
@@ -350,11 +338,11 @@ kiv_int32 phyWaitIdle() {
 
 // Starts the unit with `cmd`, waits, and for reads takes the data.
 kiv_int32 phyStart(uint32_t cmd, uint16_t *data) {
-  if (reg_write(kUnit, kPhyAccessCmd, cmd) != 0) return -1;
+  if (reg_write(kUnit, PHY_ACCESS_CMD, cmd) != 0) return -1;
   if (phyWaitIdle() != 0) return -1;
   if (data != nullptr) {
     uint32_t word = 0;
-    if (reg_read(kUnit, kPhyAccessCmd, &word) != 0) return -1;
+    if (reg_read(kUnit, PHY_ACCESS_CMD, &word) != 0) return -1;
     *data = static_cast<uint16_t>(word >> 16);
   }
   return 0;
@@ -369,7 +357,7 @@ kiv_int32 phyUnitAccess(uint32_t cmd, uint16_t *data) {
 // MMD access: wait until idle, put the register address in the auxiliary word, start.
 kiv_int32 mmdAccess(uint16_t reg, uint32_t cmd, uint16_t *data) {
   if (phyWaitIdle() != 0) return -1;
-  if (reg_write(kUnit, kPhyAccessAux, reg) != 0) return -1;
+  if (reg_write(kUnit, PHY_ACCESS_AUX, reg) != 0) return -1;
   return phyStart(cmd, data);
 }
 
@@ -465,26 +453,26 @@ kiv_int32 phyCmdWriteExt(void **argv) {
 kiv_int32 mdxConfigure(uint32_t divisor, uint32_t preambleCode) {
   if (divisor < 1 || divisor > 31 || preambleCode >= 4) return -2;
   uint32_t value = 0;
-  const kiv_int32 rc = reg_read(kUnit, kMdxCfg, &value);
+  const kiv_int32 rc = reg_read(kUnit, MDX_CFG, &value);
   if (rc != 0) return rc;
-  (void)reg_field_set(kUnit, kMdxCfg, 9, 5, divisor, &value);
-  (void)reg_field_set(kUnit, kMdxCfg, 2, 2, preambleCode, &value);
-  return reg_write(kUnit, kMdxCfg, value);
+  (void)reg_field_set(kUnit, MDX_CFG, 9, 5, divisor, &value);
+  (void)reg_field_set(kUnit, MDX_CFG, 2, 2, preambleCode, &value);
+  return reg_write(kUnit, MDX_CFG, value);
 }
 
 // One external-PHY access; bit 4 of the pin control is cleared for the access and set
 // again afterwards whatever happened.
 kiv_int32 mdxAccess(uint8_t phy, uint32_t reg, bool write, uint32_t *data) {
-  kiv_int32 rc = reg_field_write(kUnit, kMdxPinCtl, 4, 1, 0);
-  if (rc == 0) rc = reg_field_write(kUnit, kMdxPhyId, 0, 5, phy);
+  kiv_int32 rc = reg_field_write(kUnit, MDX_PIN_CTRL, 4, 1, 0);
+  if (rc == 0) rc = reg_field_write(kUnit, MDX_PHY_ID, 0, 5, phy);
   if (rc == 0) {
     const uint32_t cmd = write ? (reg << 8) | (*data << 16) | 0xF9u : (reg << 8) | 0xFBu;
-    rc = reg_write(kUnit, kMdxCmd, cmd);
+    rc = reg_write(kUnit, MDX_CMD, cmd);
   }
   if (rc == 0) {
     for (uint32_t polls = 0;;) {
       uint32_t word = 0;
-      rc = reg_read(kUnit, kMdxCmd, &word);
+      rc = reg_read(kUnit, MDX_CMD, &word);
       if (rc != 0) break;
       if ((word & 1u) == 0) {
         if (!write) *data = word >> 16;
@@ -496,7 +484,7 @@ kiv_int32 mdxAccess(uint8_t phy, uint32_t reg, bool write, uint32_t *data) {
       }
     }
   }
-  const kiv_int32 restore = reg_field_write(kUnit, kMdxPinCtl, 4, 1, 1);
+  const kiv_int32 restore = reg_field_write(kUnit, MDX_PIN_CTRL, 4, 1, 1);
   return rc != 0 ? rc : restore;
 }
 
@@ -554,7 +542,7 @@ const char hx5200_usageReg[] =
     "register' { %d'Reg Address'%d'Data' }  |  indirget'Get content of register' { %d'Address' }  }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 10> kRegCmds{{
+constexpr auto kRegCmds = std::to_array<cmd_sub_t<>>({
     {"set", regSet},
     {"get", regGet},
     {"setbit", regSetBit},
@@ -565,7 +553,7 @@ constexpr std::array<cmd_sub_t<>, 10> kRegCmds{{
     {"chgpage", regChgPage},
     {"indirset", regIndirSet},
     {"indirget", regIndirGet},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_reg(kiv_uint32, kiv_int32, void **argv) {
@@ -581,13 +569,13 @@ const char hx5200_usageSmi[] =
     "%d'Page' %d'Reg' %d'Value' } } }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 5> kSmiCmds{{
+constexpr auto kSmiCmds = std::to_array<cmd_sub_t<>>({
     {"set", smiSet},
     {"get", smiGet},
     {"brdset", smiBrdSet},
     {"extaccess", smiExtAccess},
     {"channel", smiChannel},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_smi(kiv_uint32, kiv_int32, void **argv) {
@@ -599,10 +587,10 @@ const char hx5200_usageMmd[] =
     "register' { %d'phy number' %d'device id' %d'reg address' %d'reg vale' } }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 2> kMmdCmds{{
+constexpr auto kMmdCmds = std::to_array<cmd_sub_t<>>({
     {"read", mmdCmdRead},
     {"write", mmdCmdWrite},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_mmd(kiv_uint32, kiv_int32, void **argv) {
@@ -618,11 +606,11 @@ const char hx5200_usageMdx[] =
     "Address'%d'Data' }  |  get'Get content of register' { %d'PHY ID: 0~31'%d'Address' } }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 3> kMdxCmds{{
+constexpr auto kMdxCmds = std::to_array<cmd_sub_t<>>({
     {"init", mdxInit},
     {"set", mdxSet},
     {"get", mdxGet},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_mdx(kiv_uint32, kiv_int32, void **argv) {
@@ -649,18 +637,41 @@ const char hx5200_usageGphy[] =
     "%d'reg vale' } }";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 4> kPhyCmds{{
+// Words of both grammars; a null function marks a word whose action this tool does not have.
+constexpr auto kPhyCmds = std::to_array<cmd_sub_t<>>({
+    {"r", nullptr},
+    {"rc", nullptr},
     {"read", phyCmdRead},
     {"write", phyCmdWrite},
+    {"testmode", nullptr},
+    {"rtpgetm", nullptr},
+    {"phyreset", nullptr},
+    {"reset", nullptr},
+    {"enable", nullptr},
+    {"role", nullptr},
+    {"autopolarity", nullptr},
+    {"linkst", nullptr},
+    {"outputlinkst", nullptr},
+    {"pktgen", nullptr},
+    {"channel", nullptr},
+    {"ocp2reg", nullptr},
+    {"mdc2reg", nullptr},
     {"readext", phyCmdReadExt},
     {"writeext", phyCmdWriteExt},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_phy(kiv_uint32, kiv_int32, void **argv) {
   const char *word = cmd_nextStr(argv);
   if (word == nullptr) return -1;
-  if (const cmd_sub_t<> *row = cmd_findSub(kPhyCmds, word)) return row->fn(argv);
+  const cmd_sub_t<> *row = cmd_findSub(kPhyCmds, word);
+  if (row != nullptr && row->fn != nullptr) return row->fn(argv);
   printf("phy %s: not supported\n", word);
   return -1;
 }
+
+const cmd_subWords_t hx5200_wordsReg = cmd_subWords(kRegCmds);
+const cmd_subWords_t hx5200_wordsSmi = cmd_subWords(kSmiCmds);
+const cmd_subWords_t hx5200_wordsMmd = cmd_subWords(kMmdCmds);
+const cmd_subWords_t hx5200_wordsMdx = cmd_subWords(kMdxCmds);
+const cmd_subWords_t hx5200_wordsPhy = cmd_subWords(kPhyCmds);

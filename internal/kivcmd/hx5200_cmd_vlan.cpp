@@ -43,18 +43,18 @@ kiv_int32 getEntry(uint32_t vid, Entry &e) {
 // ---- table -----------------------------------------------------------------------------------
 
 kiv_int32 vlanSet(void **argv) {
-  const uint32_t vid = cmd_nextNum(argv);
+  const uint32_t vid = cmd_nextNumOr(argv, 0);
   // Fields without an argument are carried over from the entry being replaced.
   Entry old;
   if (const kiv_int32 rc = getEntry(vid, old); rc != 0) {
     old.statefulmsk = 0;
     if (rc != HXK_ERR_VLAN_ENTRY_NOT_FOUND) kiv_markLineFailed();   // the kept fields are unknown
   }
-  const uint32_t mbrmsk = cmd_nextNum(argv);
-  const uint32_t untagmsk = cmd_nextNum(argv);
-  const uint32_t fid = cmd_nextNum(argv);
-  const uint32_t ulfid = cmd_nextNum(argv);
-  const uint32_t vbfwd = cmd_nextNum(argv);
+  const uint32_t mbrmsk = cmd_nextNumOr(argv, 0);
+  const uint32_t untagmsk = cmd_nextNumOr(argv, 0);
+  const uint32_t fid = cmd_nextNumOr(argv, 0);
+  const uint32_t ulfid = cmd_nextNumOr(argv, 0);
+  const uint32_t vbfwd = cmd_nextNumOr(argv, 0);
   if (hxk_vlan_set(vid, mbrmsk, untagmsk, old.statefulmsk, fid, ulfid, vbfwd, old.interface_id,
                    old.interface_valid) != 0) {
     puts("vlan set failed !");
@@ -67,7 +67,7 @@ kiv_int32 vlanSet(void **argv) {
 }
 
 kiv_int32 vlanGet(void **argv) {
-  const uint32_t vid = cmd_nextNum(argv);
+  const uint32_t vid = cmd_nextNumOr(argv, 0);
   Entry e;
   const kiv_int32 ret = getEntry(vid, e);
   if (ret == 0) {
@@ -98,8 +98,8 @@ kiv_int32 vlanDump(void **) {
 const char *yesNo(uint32_t v) { return v == 1 ? "Yes" : "No"; }
 
 kiv_int32 vlanMode(void **argv) {
-  if (!cmd_wordIs(cmd_nextWord(argv), "multicast")) return 0;
-  const char *op = cmd_nextWord(argv);
+  if (!cmd_wordIs(cmd_nextStr(argv), "multicast")) return 0;
+  const char *op = cmd_nextStr(argv);
   if (cmd_wordIs(op, "get")) {
     uint32_t useFid = 0, fixEn = 0, fid = 0;
     noted(reg_field_read(1, L2_MC_LOOKUP_CTRL, L2_MC_LOOKUP_CTRL_USE_FID_LSP, L2_MC_LOOKUP_CTRL_USE_FID_LEN, &useFid));
@@ -112,9 +112,9 @@ kiv_int32 vlanMode(void **argv) {
     return 0;
   }
   if (cmd_wordIs(op, "set")) {
-    uint32_t useFid = cmd_nextNum(argv) & 0xFFu;
-    uint32_t fixEn = cmd_nextNum(argv) & 0xFFu;
-    const uint32_t fid = cmd_nextNum(argv) & 0xFFu;
+    uint32_t useFid = cmd_nextNumOr(argv, 0) & 0xFFu;
+    uint32_t fixEn = cmd_nextNumOr(argv, 0) & 0xFFu;
+    const uint32_t fid = cmd_nextNumOr(argv, 0) & 0xFFu;
     if (useFid > 1) useFid = 0;
     if (fixEn > 1) fixEn = 0;
     if (fid > kMcFidMax) {
@@ -132,20 +132,20 @@ kiv_int32 vlanMode(void **argv) {
 // ---- default VLANs -----------------------------------------------------------------------
 
 kiv_int32 vlanPvid(void **argv) {
-  const uint32_t port = cmd_nextNum(argv) & 0xFFu;
-  const char *tag = cmd_nextWord(argv);
+  const uint32_t port = cmd_nextNumOr(argv, 0) & 0xFFu;
+  const char *tag = cmd_nextStr(argv);
   const bool outer = cmd_wordIs(tag, "outer");
   if (!outer && !cmd_wordIs(tag, "inner")) return 0;
   // Read first: a set keeps the priority (and the outer tag's DEI) already configured.
   uint32_t pvid = 0, pri = 0, dei = 0;
   noted(outer ? hxk_vlan_portOuterPvid_get(port, &pvid, &pri, &dei) : hxk_vlan_portPvid_get(port, &pvid, &pri));
-  const char *op = cmd_nextWord(argv);
+  const char *op = cmd_nextStr(argv);
   if (cmd_wordIs(op, "get")) {
     printf("Port %u PVID:%u\r\n", port, pvid);
     return 0;
   }
   if (cmd_wordIs(op, "set")) {
-    const uint32_t newPvid = cmd_nextNum(argv);
+    const uint32_t newPvid = cmd_nextNumOr(argv, 0);
     const kiv_int32 ret = outer ? hxk_vlan_portOuterPvid_set(port, newPvid, pri, dei)
                                 : hxk_vlan_portPvid_set(port, newPvid, pri);
     if (ret == kCmdVidError) {
@@ -177,11 +177,11 @@ bool filterPorts(const cmd_arg_t &a, uint32_t &first, uint32_t &last) {
 
 // Both `igfilter` and `egfilter` switch ingress filtering: that is the command as built.
 kiv_int32 vlanFilter(void **argv) {
-  const char *op = cmd_nextWord(argv);
+  const char *op = cmd_nextStr(argv);
   uint32_t first = 0, last = 0;
   if (cmd_wordIs(op, "set")) {
     if (!filterPorts(cmd_nextArg(argv), first, last)) return -1;
-    const uint32_t enable = cmd_wordIs(cmd_nextWord(argv), "enable") ? 1 : 0;
+    const uint32_t enable = cmd_wordIs(cmd_nextStr(argv), "enable") ? 1 : 0;
     for (uint32_t p = first; p <= last; ++p) noted(hxk_vlan_portIgrFilterEn_set(p, enable));
     return 0;
   }
@@ -225,10 +225,10 @@ kiv_int32 retagInit(const RetagOps &ops) {
 }
 
 kiv_int32 retagSet(const RetagOps &ops, void **argv) {
-  const char *what = cmd_nextWord(argv);
+  const char *what = cmd_nextStr(argv);
   if (cmd_wordIs(what, "status")) {
     const cmd_arg_t target = cmd_nextArg(argv);
-    const uint32_t enable = cmd_wordIs(cmd_nextWord(argv), "enable") ? 1 : 0;
+    const uint32_t enable = cmd_wordIs(cmd_nextStr(argv), "enable") ? 1 : 0;
     if (cmd_wordIs(target.word, "all")) {
       for (uint32_t p = 0; p <= HXK_VLAN_PORT_MAX; ++p)
         if (ops.statusSet(p, enable) != 0) return -1;
@@ -237,18 +237,18 @@ kiv_int32 retagSet(const RetagOps &ops, void **argv) {
     return ops.statusSet(target.num, enable) == 0 ? 0 : -1;
   }
   if (cmd_wordIs(what, "entry")) {
-    const uint32_t index = cmd_nextNum(argv);
-    const uint32_t origVid = cmd_nextNum(argv);
-    const uint32_t newVid = cmd_nextNum(argv);
-    const uint32_t mask = cmd_nextNum(argv);
-    const uint8_t valid = static_cast<uint8_t>(cmd_nextNum(argv));
+    const uint32_t index = cmd_nextNumOr(argv, 0);
+    const uint32_t origVid = cmd_nextNumOr(argv, 0);
+    const uint32_t newVid = cmd_nextNumOr(argv, 0);
+    const uint32_t mask = cmd_nextNumOr(argv, 0);
+    const uint8_t valid = static_cast<uint8_t>(cmd_nextNumOr(argv, 0));
     return ops.entrySet(index, origVid, newVid, mask, valid) == 0 ? 0 : -1;
   }
   return -1;
 }
 
 kiv_int32 retagGet(const RetagOps &ops, void **argv) {
-  const char *what = cmd_nextWord(argv);
+  const char *what = cmd_nextStr(argv);
   const cmd_arg_t target = cmd_nextArg(argv);
   const bool all = cmd_wordIs(target.word, "all");
   if (cmd_wordIs(what, "status")) {
@@ -282,14 +282,14 @@ kiv_int32 retagGet(const RetagOps &ops, void **argv) {
 
 using RetagFn = kiv_int32 (*)(const RetagOps &ops, void **argv);
 kiv_int32 retagInitCmd(const RetagOps &ops, void **) { return retagInit(ops); }
-constexpr std::array<cmd_sub_t<RetagFn>, 3> kRetagCmds{{
+constexpr auto kRetagCmds = std::to_array<cmd_sub_t<RetagFn>>({
     {"init", retagInitCmd},
     {"set", retagSet},
     {"get", retagGet},
-}};
+});
 
 kiv_int32 vlanRetag(const RetagOps &ops, void **argv) {
-  const cmd_sub_t<RetagFn> *row = cmd_findSub(kRetagCmds, cmd_nextWord(argv));
+  const cmd_sub_t<RetagFn> *row = cmd_findSub(kRetagCmds, cmd_nextStr(argv));
   return row ? row->fn(ops, argv) : -1;
 }
 
@@ -327,7 +327,7 @@ const char hx5200_usageVlan[] =
     "}";
 
 namespace {
-constexpr std::array<cmd_sub_t<>, 10> kVlanCmds{{
+constexpr auto kVlanCmds = std::to_array<cmd_sub_t<>>({
     {"set", vlanSet},
     {"get", vlanGet},
     {"dump", vlanDump},
@@ -338,9 +338,11 @@ constexpr std::array<cmd_sub_t<>, 10> kVlanCmds{{
     {"egfilter", vlanFilter},
     {"igretag", vlanIgRetag},
     {"egretag", vlanEgRetag},
-}};
+});
 }  // namespace
 
 kiv_int32 hx5200_cmd_vlan(kiv_uint32 /*uid*/, kiv_int32 /*argc*/, void **argv) {
-  return cmd_runSub(kVlanCmds, cmd_nextWord(argv), argv, -1);
+  return cmd_runSub(kVlanCmds, cmd_nextStr(argv), argv, -1);
 }
+
+const cmd_subWords_t hx5200_wordsVlan = cmd_subWords(kVlanCmds);

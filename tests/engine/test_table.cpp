@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <iterator>
+#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -152,6 +154,32 @@ TEST(CommandTable, RowsFirstWordsAndHelpListing) {
   EXPECT_EQ(oneShot({"?"}), listing);
   EXPECT_EQ(oneShot({"help"}), listing);
   EXPECT_EQ(oneShot({"ls"}), ls);
+}
+
+// Each family's subcommand table has one row per first word of its grammar and no other
+// (rows sharing a handler share the table); only the rows the tool does not provide have
+// no table. The table's graphs are compiled once and all fit the parser's arenas.
+TEST(CommandTable, SubcommandTablesMatchTheirGrammars) {
+  ciscoCmdParserKeepRows(hx5200_cmdTable, 52);
+  std::map<kiv_cmdFunc, std::set<std::string>> grammarWords;
+  for (const kiv_cmd_t &row : hx5200_cmdTable) {
+    const V words = firstWords(&row);
+    if (hx5200_subWords(row.cmdHandler) == nullptr)
+      EXPECT_TRUE(row.cmdHandler == hx5200_cmd_notSupported || row.cmdHandler == hx5200_cmd_init) << row.cmdName;
+    else
+      for (const std::string &w : words)
+        if (w[0] != '%' && w != "<cr>") grammarWords[row.cmdHandler].insert(w);
+  }
+  EXPECT_EQ(ciscoCmdParserKeptGraphs(), 52u);
+  ciscoCmdParserDropKeptRows();
+  EXPECT_EQ(grammarWords.size(), 10u);
+  for (const auto &[handler, words] : grammarWords) {
+    const cmd_subWords_t *table = hx5200_subWords(handler);
+    std::set<std::string> rows;
+    for (size_t i = 0; i < table->count; i++)
+      EXPECT_TRUE(rows.insert(std::string(table->word(i))).second) << "two rows for " << table->word(i);
+    EXPECT_EQ(rows, words) << *words.begin();
+  }
 }
 
 TEST(CommandTable, Hx3100Group) {

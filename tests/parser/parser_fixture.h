@@ -26,16 +26,24 @@ using S = std::vector<std::string>;
 
 class ParserTest : public ::testing::Test {
  protected:
-  void SetUp() override { ciscoCmdParserSetFullClear(false); }
-  void TearDown() override { ciscoCmdParserReset(); }
+  void TearDown() override {
+    ciscoCmdParserReset();
+    ciscoCmdParserDropKeptRows();
+  }
 
-  kiv_int32 parse(const char *usage, S words = {}, const kiv_paramType_t *types = nullptr, unsigned rows = 0) {
-    cmd_ = {"t", "", usage, nullptr, (kiv_uint16)(KIV_USECISCOCMDPARSER | KIV_PARAMTABLE_FLAGS(rows)), 0, 0, 0, types};
+  // Parses with the row's graph built for this parse, or (keep) compiled once and reused
+  // while the usage stays the same.
+  kiv_int32 parse(const char *usage, S words = {}, const kiv_paramType_t *types = nullptr, unsigned rows = 0,
+                  bool keep = false) {
+    kiv_cmd_t &row = keep ? kept_ : cmd_;
+    if (keep && (row.cmdUsage != usage || row.paramTypes != types)) ciscoCmdParserForgetGraphs();
+    row = {"t", "", usage, nullptr, (kiv_uint16)(KIV_USECISCOCMDPARSER | KIV_PARAMTABLE_FLAGS(rows)), 0, 0, 0, types};
+    if (keep) ciscoCmdParserKeepRows(&kept_, 1);
     words_ = std::move(words);
     argv_.clear();
     for (auto &w : words_) argv_.push_back(w.data());
     argv_.push_back(nullptr);
-    const kiv_cmd_t *c = &cmd_;
+    const kiv_cmd_t *c = &row;
     return ciscoCmdParser((kiv_int32)words_.size(), argv_.data(), &c, &saved_, &token_);
   }
 
@@ -69,7 +77,7 @@ class ParserTest : public ::testing::Test {
     return out;
   }
 
-  kiv_cmd_t cmd_{};
+  kiv_cmd_t cmd_{}, kept_{};
   S words_;
   std::vector<char *> argv_;
   void *saved_ = nullptr;

@@ -81,6 +81,10 @@ TEST(Prompt, PathUpToTabAndPreloadAfterHelpOrCompletion) {
   // Bounded: a long path fills the prompt buffer, a full output buffer the line.
   EXPECT_EQ(build(std::string(300, 'p'), std::string(KIV_OUTBUF_SIZE, 'o'), '\t'),
             std::string(KIV_PROMPT_SIZE - 2, 'p') + " |" + std::string(KIV_LINE_SIZE - 2, 'o'));
+  // A smaller size is honoured: 5 bytes hold three characters, the blank and the NUL.
+  std::memset(prompt, 'x', sizeof prompt);
+  kiv_buildPrompt(prompt, 5, line, 0);
+  EXPECT_STREQ(prompt, "ppp ");
 }
 
 }  // namespace
