@@ -102,6 +102,6 @@ int32_t flashcmd_write_image(uint32_t base, const std::vector<uint8_t> &img) {
   }
   printf("Flash: %u sectors equal, %u erased (%u blocks of 64 KiB), %u pages programmed, %llu transfers%s\n",
          r.sectorsEqual, r.sectorsErased, r.blocksErased, r.pagesProgrammed, (unsigned long long)r.transfers,
-         r.scanCut ? " (most sectors differed: the rest was rewritten without a scan)" : "");
+         r.scanCut ? " (most sectors differed: the rest was rewritten unread)" : "");
   return rc;
 }
