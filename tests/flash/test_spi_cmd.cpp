@@ -298,6 +298,16 @@ TEST(SpiCommand, ProgressBarOnlyWhenStderrIsATerminal) {
   EXPECT_EQ(piped, "Matched: Compare Image Length 200000\n" + kOk);
   EXPECT_NE(t.output().find("verify"), std::string::npos) << t.output();
   EXPECT_NE(t.output().find("100%"), std::string::npos) << t.output();
+
+  // An update shows its phases with the time left; stdout stays as piped.
+  b.put("img2.bin", pattern(200000, 6));
+  Term u("(cd " + ::quoted(b.cwd) + " && KIVTOOL_SIM=sim " + quoted(KIVTOOL_PATH) +
+         " spi update img2.bin < /dev/null > tty.out)");
+  ASSERT_EQ(u.wait(), 0);
+  const std::string ttyOut = read_file(b.cwd + "/tty.out");
+  EXPECT_NE(ttyOut.find("Matched: Compare Image Length 200000\nFlash: "), std::string::npos) << ttyOut;
+  for (const char *shown : {"scan ", "program ", "check ", " left"})
+    EXPECT_NE(u.output().find(shown), std::string::npos) << shown << "\n" << u.output();
 }
 
 }  // namespace
