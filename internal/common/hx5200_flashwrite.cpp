@@ -56,6 +56,7 @@ struct Writer {
   void *ctx = nullptr;
   uint64_t start = 0;           // transfer count at the start
   uint64_t planned = 0;         // transfers the scan's findings will cost to write and check
+  uint64_t writeFrom = 0;       // transfers spent when the writing started
 
   // Scan cursor: sector, next address, the piece in flight.
   uint32_t sec = 0, at = 0, pieceAt = 0, pieceLen = 0;
@@ -68,6 +69,12 @@ struct Writer {
   uint64_t spent() const { return usbio_transfers() - start; }
   void tell(uint32_t phase, uint64_t left) const {
     if (progress) progress(ctx, phase, spent(), left);
+  }
+  // While writing: the plan less what the writing has spent.
+  void tellWriting(uint32_t phase) const {
+    if (!progress) return;
+    const uint64_t used = spent() - writeFrom;
+    progress(ctx, phase, spent(), planned > used ? planned - used : 0);
   }
 };
 
@@ -182,7 +189,7 @@ int32_t program_diffs(Writer &w, uint32_t from, uint32_t to, bool erased) {
       if (p != lastPage) ++w.rep->pagesProgrammed;
       lastPage = p;
     }
-    w.tell(SPIF_PHASE_PROGRAM, 0);
+    w.tellWriting(SPIF_PHASE_PROGRAM);
     return spi_flash_program(runFrom, w.want.data() + w.idx(runFrom), runTo - runFrom);
   };
   for (uint32_t a = from; a < to; ++a) {
@@ -300,14 +307,7 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
   // Write, erase unit by erase unit.
   bool cleared = false;
   Checker check{&w, {}};
-  uint32_t inPlaceTo = base;
-  uint64_t toWrite = 0;
-  for (uint32_t i = 0; i < w.nSec; ++i) toWrite += sector_cost(w.st[i], kPagesPerSector);
-  const uint64_t writeStart = w.spent();
-  auto writeLeft = [&] {
-    const uint64_t used = w.spent() - writeStart;
-    return toWrite > used ? toWrite - used : 0;
-  };
+  w.writeFrom = w.spent();
   for (uint32_t i = 0; i < w.nSec;) {
     const uint32_t s = w.secAddr(i);
     uint32_t n = 1;
@@ -323,7 +323,7 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
                            std::all_of(w.st.begin() + i, w.st.begin() + i + kSectorsPerBlock,
                                        [](St x) { return x == St::Erase; });
         n = block ? kSectorsPerBlock : 1;
-        w.tell(SPIF_PHASE_ERASE, writeLeft());
+        w.tellWriting(SPIF_PHASE_ERASE);
         if (int32_t rc = spi_flash_erase(s, block ? SPIF_ERASE_BLOCK : SPIF_ERASE_SECTOR); rc != 0) return done(rc);
         report->sectorsErased += n;
         report->blocksErased += block ? 1 : 0;
@@ -342,10 +342,9 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
         }
       }
     }
-    inPlaceTo = std::min(w.end, s + n * kSector);
-    report->inPlace = inPlaceTo - base;
+    report->inPlace = std::min(w.end, s + n * kSector) - base;
     i += n;
-    if (progress) w.tell(SPIF_PHASE_PROGRAM, writeLeft());
+    w.tellWriting(SPIF_PHASE_PROGRAM);
   }
   report->inPlace = len;
   if (check.pieces.empty()) return done(0);   // nothing written: the scan compared it all
