@@ -64,6 +64,8 @@ constexpr char kUsage[] =
     "                             badstatus, nocomplete, wrongcode, unplug, datamissing\n"
     "  KIVTOOL_PCAP=<file>        every USB bulk transfer to a pcap file (Wireshark, tshark)\n"
     "  KIVTOOL_TRACE=1            print every register access of the reg commands\n"
+    "  KIVTOOL_FLASH_FULL=1       spi update/pgwithbase rewrite the whole range (erase, program,\n"
+    "                             compare all of it) instead of only what differs\n"
     "\n"
     "Exit status: 0, also when a command failed (look for Success!! or Errno :); with -e,\n"
     "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"
