@@ -2,7 +2,9 @@
 // full rewrite (KIVTOOL_FLASH_FULL=1) against the flow that touches only what differs, for
 // the cases that matter: another image, the same image again, an image whose second half
 // is 0xFF, one 4 KiB sector changed, and the worst case for the differential flow (the
-// first page of every sector equal, the rest changed). Prints a table; at 1 ms per
+// first page of every sector equal, the rest changed); then an erased flash, and every second
+// sector changed (the scan never gives up), and every sector's difference in its last page.
+// Prints a table; at 1 ms per
 // transfer (a real adapter at USB full speed) the transfer count is the time in ms.
 #include <fcntl.h>
 #include <unistd.h>
@@ -102,12 +104,24 @@ int main() {
   std::copy(other.begin(), other.end(), oneSector.begin() + 0x80000);
   Bytes worst = b;   // every sector: the first page as the flash (a) holds it, the rest not
   for (size_t s = 0; s < kImage; s += 0x1000) std::copy(a.begin() + s, a.begin() + s + 256, worst.begin() + s);
-  const std::array<Case, 5> cases = {{
+  Bytes erased(kImage, 0xFF), everyOther = a;   // every second sector from another image
+  for (size_t s = 0; s < kImage; s += 0x2000) std::copy(b.begin() + s, b.begin() + s + 0x1000, everyOther.begin() + s);
+  // Every sector: 15 pages erased on the flash (programmed without an erase), the last one
+  // different (an erase): the scan reads whole sectors before finding out.
+  Bytes lateFlash = a, late = a;
+  for (size_t s = 0; s < kImage; s += 0x1000) {
+    std::fill(lateFlash.begin() + s, lateFlash.begin() + s + 0xF00, 0xFF);
+    std::copy(b.begin() + s + 0xF00, b.begin() + s + 0x1000, late.begin() + s + 0xF00);
+  }
+  const std::array<Case, 8> cases = {{
       {"(a) random image over another", a, b},
       {"(b) the same image again", a, a},
       {"(c) second half 0xFF over random", a, halfFF},
       {"(d) one aligned 4 KiB sector changed", a, oneSector},
       {"worst: first page of each sector equal", a, worst},
+      {"image over an erased flash", erased, a},
+      {"every second sector changed", a, everyOther},
+      {"late differences in every sector", lateFlash, late},
   }};
 
   std::printf("spi update of a 1 MiB image, bulk transfers on the board (I2C)\n");

@@ -3,10 +3,12 @@
 // Scan: the range is read sector by sector under one read set-up (the status polls are
 // left out after one wait for the flash to be ready); a sector stops being read at the
 // first page that can only be reached through an erase (a differing byte where the flash
-// is not 0xFF). Once at least 16 sectors were read and most of them needed writing, the
-// rest are taken as changed without reading them: reading costs nearly as much as the
-// check that follows a rewrite, so a fully changed image stays cheaper than a plain
-// erase-program-compare.
+// is not 0xFF). Once at least 16 sectors were read and more than three quarters of them
+// needed writing, the rest are taken as changed without reading them: a sector whose
+// differences only show late (or that the flash holds erased) costs a whole read before
+// its rewrite and check, so reading on would make a fully changed image dearer than a plain
+// erase-program-compare. Reading an equal sector costs a third of rewriting it, so the scan
+// goes on while a fair share of sectors is equal.
 //
 // Write, one erase unit (sector, or 64 KiB block when all 16 of its sectors need an erase)
 // at a time so that kept bytes spend as little time as possible only in memory: erase,
@@ -101,7 +103,7 @@ bool finish_sector(Writer &w, St s, uint32_t pagesToProgram) {
   ++w.sec;
   w.pagesWithDiff = 0;
   if (w.sec < w.nSec) w.at = std::max(w.secAddr(w.sec), w.base);
-  if (w.rep->sectorsScanned >= kScanSample && w.changed * 2 > w.rep->sectorsScanned && w.sec < w.nSec) {
+  if (w.rep->sectorsScanned >= kScanSample && w.changed * 4 > w.rep->sectorsScanned * 3 && w.sec < w.nSec) {
     for (uint32_t i = w.sec; i < w.nSec; ++i) {
       w.st[i] = St::Erase;
       w.planned += sector_cost(St::Erase, 0);
