@@ -24,10 +24,11 @@ double seconds_now() {
 
 // The phase, a bar and the time left on one line of stderr, for a person at a terminal.
 // The time left is the estimated transfers still to go at the time per transfer measured
-// so far. The line is taken away before an erase prints its own line on stdout.
+// so far. When stdout shares the terminal the line is taken away before an erase prints
+// its own line there.
 class PhaseBar {
  public:
-  PhaseBar() : on_(isatty(2) != 0), start_(seconds_now()) {}
+  PhaseBar() : on_(isatty(2) != 0), erasePrints_(isatty(1) != 0), start_(seconds_now()) {}
   ~PhaseBar() {
     if (drawn_) std::fputc('\n', stderr);
   }
@@ -41,7 +42,7 @@ class PhaseBar {
  private:
   void show(uint32_t phase, uint64_t done, uint64_t left) {
     if (!on_) return;
-    if (phase == SPIF_PHASE_ERASE) {
+    if (phase == SPIF_PHASE_ERASE && erasePrints_) {
       if (drawn_) std::fputs("\r\033[K", stderr);
       std::fflush(stderr);
       std::fflush(stdout);
@@ -69,6 +70,7 @@ class PhaseBar {
   }
 
   bool on_;
+  bool erasePrints_;
   double start_;
   double shownAt_ = 0;
   bool drawn_ = false;

@@ -306,7 +306,7 @@ TEST(SpiCommand, ProgressBarOnlyWhenStderrIsATerminal) {
   ASSERT_EQ(u.wait(), 0);
   const std::string ttyOut = read_file(b.cwd + "/tty.out");
   EXPECT_NE(ttyOut.find("Matched: Compare Image Length 200000\nFlash: "), std::string::npos) << ttyOut;
-  for (const char *shown : {"scan ", "program ", "check ", " left"})
+  for (const char *shown : {"scan ", "erase ", "program ", "check ", " left"})
     EXPECT_NE(u.output().find(shown), std::string::npos) << shown << "\n" << u.output();
 }
 
