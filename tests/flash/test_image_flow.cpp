@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,7 +48,7 @@ struct Board {
     r.timeoutMs = timeoutMs;
     const ToolResult res = run_tool(r);
     if (killed) *killed = res.timedOut;
-    else EXPECT_FALSE(res.timedOut) << line;
+    else EXPECT_EQ(res.status, 0) << line << "\n" << res.err;
     return res.out;
   }
 };
