@@ -21,6 +21,7 @@
 #include "internal/common/hx5200_flashwrite.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -153,11 +154,12 @@ bool scan_next(void *ctx, uint32_t *addr, uint8_t **buf, uint32_t *len) {
   return true;
 }
 
-// Reads the bytes of the erase sectors that lie outside the range, before they are erased.
+// Reads the bytes of the erase sectors that lie outside the range, before they are erased,
+// one after the other into `into`.
 struct KeptReader {
-  Writer *w;
   std::vector<std::pair<uint32_t, uint32_t>> pieces;   // address, length
-  size_t next = 0;
+  std::vector<uint8_t> into;
+  size_t next = 0, at = 0;
 };
 
 bool kept_next(void *ctx, uint32_t *addr, uint8_t **buf, uint32_t *len) {
@@ -165,8 +167,9 @@ bool kept_next(void *ctx, uint32_t *addr, uint8_t **buf, uint32_t *len) {
   if (k.next >= k.pieces.size()) return false;
   const auto [a, n] = k.pieces[k.next++];
   *addr = a;
-  *buf = k.w->have.data() + k.w->idx(a);
+  *buf = k.into.data() + k.at;
   *len = n;
+  k.at += n;
   return true;
 }
 
@@ -292,7 +295,7 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
   if (int32_t rc = read_quietly(scan_next, &w); rc != 0) return done(rc);
 
   // What the erases will wipe outside the range is read first.
-  KeptReader kept{&w, {}};
+  KeptReader kept;
   for (uint32_t i : {0u, w.nSec - 1}) {
     if (w.st[i] != St::Erase) continue;
     const uint32_t s = w.secAddr(i);
@@ -302,8 +305,27 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
   std::sort(kept.pieces.begin(), kept.pieces.end());
   kept.pieces.erase(std::unique(kept.pieces.begin(), kept.pieces.end()), kept.pieces.end());
   if (!kept.pieces.empty()) {
-    if (int32_t rc = read_quietly(kept_next, &kept); rc != 0) return done(rc);
-    for (const auto &[a, n] : kept.pieces) std::memcpy(w.want.data() + w.idx(a), w.have.data() + w.idx(a), n);
+    // They exist nowhere else once erased: read until two reads agree (a read exchange that
+    // was repeated can return a word of the next one), at most three times.
+    size_t total = 0;
+    for (const auto &pc : kept.pieces) total += pc.second;
+    std::array<std::vector<uint8_t>, 3> reads;
+    for (size_t r = 0;; ++r) {
+      if (r == reads.size()) {
+        report->keptUnsure = true;
+        return done(-1);
+      }
+      kept.into.assign(total, 0);
+      kept.next = kept.at = 0;
+      if (int32_t rc = read_quietly(kept_next, &kept); rc != 0) return done(rc);
+      if (std::find(reads.begin(), reads.begin() + r, kept.into) != reads.begin() + r) break;
+      reads[r] = kept.into;
+    }
+    size_t at = 0;
+    for (const auto &[a, n] : kept.pieces) {
+      std::memcpy(w.want.data() + w.idx(a), kept.into.data() + at, n);
+      at += n;
+    }
   }
 
   // Write, erase unit by erase unit.

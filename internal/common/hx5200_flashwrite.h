@@ -27,6 +27,7 @@ struct spi_flash_write_report_t {
   bool scanCut;               // most sectors differed: the rest was rewritten unread
   uint32_t inPlace;           // range bytes known written (from the start), for a failure
   uint64_t transfers;         // bulk transfers of the whole write
+  bool keptUnsure;            // the bytes to keep around the range read differently each time: nothing erased
   // The first difference the check found (when `mismatch`): the piece read, the first
   // differing byte and how many bytes of the piece differ.
   bool mismatch;

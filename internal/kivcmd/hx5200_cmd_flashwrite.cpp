@@ -94,7 +94,9 @@ int32_t flashcmd_write_image(uint32_t base, const std::vector<uint8_t> &img) {
   }
   printf("Image Length %d\n", (int)r.inPlace);
   const bool wrote = r.sectorsErased || r.pagesProgrammed;
-  if (r.mismatch) {
+  if (r.keptUnsure) {
+    puts("The flash around the range reads differently each time: nothing erased");
+  } else if (r.mismatch) {
     printf("Image not match between 0x%06x ~ 0x%06x !\n", r.pieceFrom, r.pieceTo);
     printf("First difference at 0x%06x: file 0x%02x, flash 0x%02x (%u of %u bytes differ)\n", r.firstAt, r.want,
            r.got, r.differ, r.pieceTo - r.pieceFrom);

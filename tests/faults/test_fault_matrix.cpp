@@ -233,8 +233,8 @@ std::vector<FlashOp> flash_ops(const std::string &pcap) {
   return ops;
 }
 
-// An image update hit by a fault in any of its phases (reading the flash, erasing,
-// programming, reading back) may fail, but it must never leave a flash that differs from
+// An image update hit by a fault in any of its phases (reading the flash and the bytes
+// to keep, erasing, programming, reading back) may fail, but it must never leave a flash that differs from
 // the image while saying it matches, it must not touch the flash outside the image, and the
 // same update run again must bring the flash to the image.
 TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
@@ -248,16 +248,16 @@ TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
     }
     return bytes;
   };
-  const std::string bytes = randomBytes(8192, 0x12345678);
+  const std::string bytes = randomBytes(0x2ED4, 0x12345678);
   write_file(image, bytes);
-  // The flash before: other data that carries the calibration pattern; the image's first
-  // sector with a byte that needs an erase in its sixth page, its second with a page that
-  // is erased (programmed without an erase).
+  // The flash before: other data that carries the calibration pattern, and the image with
+  // a byte in the sixth page of its first sector that needs an erase, an erased page in
+  // its second (programmed without an erase), and a byte in its last sector that needs an
+  // erase (which keeps the sector's bytes past the image).
   std::string before = randomBytes(4u << 20, 0x9abcdef);
   before.replace(0x40010, 16, std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
   before.replace(0, bytes.size(), bytes);
-  before[0x523] = static_cast<char>(~bytes[0x523] | 0x01);
-  ASSERT_NE(before[0x523] & ~bytes[0x523], before[0x523]);
+  for (size_t at : {0x523, 0x2E00}) before[at] = static_cast<char>(~bytes[at]);
   before.replace(0x1300, 0x100, std::string(0x100, '\xFF'));
   auto seeded = [&] {
     const std::string dir = make_temp_dir("kivfault");
@@ -267,20 +267,21 @@ TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
   };
   const std::string update = "spi update " + image + "\n";
   const std::string verify = "spi verify " + image + "\n";
-  const std::string matched = "Matched: Compare Image Length 8192";
+  const std::string matched = "Matched: Compare Image Length 11988";
 
   const std::string dir = seeded();
   const ToolResult base = runFamily(update, dir, "", dir + "/usb.pcap");
   ASSERT_NE(base.out.find(matched), std::string::npos) << base.out;
   // The headers of each phase, from the opcodes at the image's addresses.
   const std::vector<FlashOp> ops = flash_ops(dir + "/usb.pcap");
-  std::array<std::vector<uint32_t>, 4> phase;   // scan, erase, program, check
+  std::array<std::vector<uint32_t>, 5> phase;   // scan, reading the bytes to keep, erase, program, check
   bool erased = false, programmed = false;
   for (const FlashOp &op : ops) {
-    if (op.addr >= bytes.size()) continue;   // the calibration's reads
-    if (op.opcode == 0x20 || op.opcode == 0xD8) erased = true;
-    if (op.opcode == 0x02) programmed = true;
-    const int at = op.opcode == 0x03 ? (programmed ? 3 : erased ? -1 : 0) : op.opcode == 0x02 ? 2 : erased ? 1 : -1;
+    if (op.addr >= 0x3000) continue;   // the calibration's reads
+    erased |= op.opcode == 0x20 || op.opcode == 0xD8;
+    programmed |= op.opcode == 0x02;
+    const bool read = op.opcode == 0x03, kept = op.addr >= bytes.size();
+    const int at = read ? (programmed ? 4 : erased ? -1 : kept ? 1 : 0) : op.opcode == 0x02 ? 3 : erased ? 2 : -1;
     if (at >= 0) phase[at].push_back(op.header);
   }
   const Family fam{"spi update", update};
