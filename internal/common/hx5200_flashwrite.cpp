@@ -285,8 +285,13 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
   w.have.assign(w.want.size(), 0xFF);
   w.st.assign(w.nSec, St::Unread);
   std::memcpy(w.want.data() + w.idx(base), data, len);
+  // Erases and programs wait for the flash after each operation, whatever an earlier
+  // calibration left; reads leave those waits out themselves.
+  const uint8_t keepSkip = spi_flash_cfg.skipWip;
+  spi_flash_cfg.skipWip = 0;
   auto done = [&](int32_t rc) {
     report->transfers = w.spent();
+    spi_flash_cfg.skipWip = keepSkip;
     return rc;
   };
 
