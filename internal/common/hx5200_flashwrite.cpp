@@ -68,7 +68,6 @@ struct Writer {
 
   uint32_t secAddr(uint32_t i) const { return first + i * kSector; }
   uint32_t idx(uint32_t addr) const { return addr - first; }
-  bool inRange(uint32_t addr) const { return addr >= base && addr < end; }
   uint64_t spent() const { return usbio_transfers() - start; }
   void tell(uint32_t phase, uint64_t left) const {
     if (progress) progress(ctx, phase, spent(), left);
