@@ -45,6 +45,7 @@ std::array<uint8_t, kMaxData + kTrailer> g_out;
 std::array<uint8_t, kHeader + kMaxAddrBlock + kMaxData + kTrailer> g_in;
 
 uint8_t g_devnum = 0;  // bus address of the open adapter, for the capture
+uint64_t g_transfers = 0;  // bulk transfers attempted in this run
 
 // Outcome of the last usbio_open(): its cause code and the device node it tried.
 int g_openCause = ENOENT;
@@ -78,6 +79,7 @@ bool device_gone(int r) {
 }
 
 int bulk_write(usb_dev_handle *h, const uint8_t *data, size_t size) {
+  ++g_transfers;
   const timespec ts = now(CLOCK_REALTIME);
   const int r = usb_ops_get()->bulk_write(h, USBIO_EP_OUT, reinterpret_cast<char *>(const_cast<uint8_t *>(data)),
                                           static_cast<int>(size), USBIO_XFER_TIMEOUT_MS);
@@ -90,6 +92,7 @@ int bulk_write(usb_dev_handle *h, const uint8_t *data, size_t size) {
 // time-out has run out (a device that answers errors at once) is paced to the time-out, so
 // the completion waits never spin.
 int bulk_read(usb_dev_handle *h, uint8_t *buf, size_t size) {
+  ++g_transfers;
   const timespec mono0 = now(CLOCK_MONOTONIC);
   const timespec ts = now(CLOCK_REALTIME);
   const int r = usb_ops_get()->bulk_read(h, USBIO_EP_IN, reinterpret_cast<char *>(buf), static_cast<int>(size),
@@ -310,6 +313,8 @@ usb_dev_handle *usbio_open(void) {
 }
 
 int usbio_open_cause(void) { return g_openCause; }
+
+uint64_t usbio_transfers(void) { return g_transfers; }
 
 unsigned usbio_trouble_take(void) {
   const unsigned t = g_trouble;

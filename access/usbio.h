@@ -47,6 +47,9 @@ const char *usbio_open_node(void);
 #define USBIO_TROUBLE_I2C_NAK 2u      // the adapter refused an I2C transfer (0xAB): no chip answered
 #define USBIO_TROUBLE_GONE 4u         // the adapter left the bus during a transfer
 unsigned usbio_trouble_take(void);
+// Bulk transfers attempted since start-up (both directions, resends included): what long
+// flash work is measured and estimated in.
+uint64_t usbio_transfers(void);
 int usbio_close(usb_dev_handle *h, int iface);
 void usbio_connect(void);
 void usbio_event(int code);

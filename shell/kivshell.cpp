@@ -81,6 +81,8 @@ constexpr char kUsage[] =
     "  KIVTOOL_ADAPTER=SEL        as -a SEL (the option wins)\n"
     "  KIVTOOL_HOTPLUG=0          at the prompt, do not report the adapter leaving or coming\n"
     "                             back\n"
+    "  KIVTOOL_FLASH_FULL=1       spi update/pgwithbase rewrite the whole range (erase, program,\n"
+    "                             compare all of it) instead of only what differs\n"
     "\n"
     "Exit status: 0, also when a command failed (look for Success!! or Errno :); with -e,\n"
     "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"

@@ -346,6 +346,24 @@ int32_t spi_flash_read(uint32_t addr, uint8_t *buf, uint32_t len) {
   return 0;
 }
 
+int32_t spi_flash_read_pieces(spi_flash_piece_fn next, void *ctx) {
+  if (!channel_ok(cfg.channel)) return -1;
+  TRY(spi_flash_wait_idle());
+  if (!cfg.skipWip) TRY(spi_flash_wait_wip());
+  TRY(read_mode());
+  uint32_t addr = 0, n = 0;
+  uint8_t *buf = nullptr;
+  while (next(ctx, &addr, &buf, &n)) {
+    if (n == 0 || n > 256) return -1;
+    TRY(wr(SPIC_RXCNT, n));
+    TRY(wr(SPIC_DATA, spi_flash_addr_word(cfg.rdOpcode, addr)));
+    if (cfg.dummyCycles) TRY(wr_byte(cfg.dummyByte));
+    TRY(run());
+    TRY(read_words(buf, n));
+  }
+  return 0;
+}
+
 int32_t spi_flash_program(uint32_t addr, const uint8_t *data, uint32_t len) {
   if (!channel_ok(cfg.channel)) return -1;
   TRY(spi_flash_wait_idle());

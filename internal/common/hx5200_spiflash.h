@@ -93,6 +93,11 @@ int32_t spi_flash_write_enable(void);    // 1 when the flash never gets ready or
 int32_t spi_flash_write_disable(void);
 int32_t spi_flash_clear_protect(void);
 int32_t spi_flash_read(uint32_t addr, uint8_t *buf, uint32_t len);
+// One read set-up, then the pieces `next` asks for, each read as one chunk of the read
+// above: `next` is called before every piece (and sees the bytes of the ones before) and
+// gives its flash address, destination and length (1..256), or false to stop.
+typedef bool (*spi_flash_piece_fn)(void *ctx, uint32_t *addr, uint8_t **buf, uint32_t *len);
+int32_t spi_flash_read_pieces(spi_flash_piece_fn next, void *ctx);
 int32_t spi_flash_program(uint32_t addr, const uint8_t *data, uint32_t len);
 int32_t spi_flash_erase(uint32_t addr, uint32_t kind);
 

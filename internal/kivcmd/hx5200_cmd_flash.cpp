@@ -20,6 +20,7 @@
 #include "access/access.h"
 #include "internal/common/hx5200_spiflash.h"
 #include "internal/kivcmd/hx5200_cmd.h"
+#include "internal/kivcmd/hx5200_cmd_flashwrite.h"
 
 namespace {
 
@@ -618,7 +619,12 @@ Outcome sub_update(void **argv) {
   print_file_info(file);
   std::vector<uint8_t> img;
   if (!read_image(file, 0, UINT64_MAX, 0, img)) return {-1};
+  if (img.empty()) {   // refused before the calibration, which may erase a sector
+    printf("File %s is empty, nothing written\n", file);
+    return {-1};
+  }
   if (!prepare_for_image()) return {-1, true};
+  if (!flashcmd_full_rewrite()) return {flashcmd_write_image(0, img)};
 
   spi_flash_clear_protect();
   int32_t rc = erase_for_image(img.size());
@@ -638,6 +644,16 @@ Outcome sub_pgwithbase(void **argv) {
   print_file_info(file);
   std::vector<uint8_t> img;
   if (!read_image(file, fileStart, len, flashStart, img)) return {-1};
+  if (img.empty()) {
+    struct stat st{};
+    if (len == 0) printf("Length 0, nothing written\n");
+    else if (stat(file, &st) == 0)
+      printf("File %s: start 0x%x is at or past its end (%llu bytes), nothing written\n", file, fileStart,
+             (unsigned long long)st.st_size);
+    else printf("File %s: nothing to read from 0x%x, nothing written\n", file, fileStart);
+    return {-1};
+  }
+  if (!flashcmd_full_rewrite()) return {flashcmd_write_image(flashStart, img)};
   uint64_t done = 0;
   int32_t rc = program_image(img, flashStart, &done, "program");
   printf("Image Length %d\n", (int)done);

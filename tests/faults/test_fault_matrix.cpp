@@ -9,6 +9,7 @@
 // first command header, the last one and two in between. Headers 1 to 7 belong to
 // start-up (three configuration exchanges, four register accesses of the chip check).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -229,51 +230,121 @@ TEST(FaultMatrix, ErrexitCatchesFailuresShownOnlyInMessages) {
   }
 }
 
-// An image update hit by a fault anywhere may fail, but it must never leave a flash that
-// differs from the image while a verify says it matches.
+// Flash opcodes the host sent and the command header that carried each: a write of the
+// flash controller's data register right after one of its receive count or its enable
+// register carries an opcode with its address (reads, page programs, erases).
+struct FlashOp {
+  uint32_t header;   // counted from 1, as KIVTOOL_SIM_FAULTS counts them
+  uint8_t opcode;
+  uint32_t addr;
+};
+
+std::vector<FlashOp> flash_ops(const std::string &pcap) {
+  std::vector<UsbRecord> all;
+  read_pcap(pcap, all);
+  std::vector<FlashOp> ops;
+  uint32_t headers = 0, reg = 0, prevReg = ~0u;
+  bool writeData = false;
+  for (const auto &p : out_payloads(all)) {
+    if (p.size() >= usbio_proto::kHeader && std::equal(usbio_proto::kMagic.begin(), usbio_proto::kMagic.end(), p.begin())) {
+      ++headers;
+      writeData = p[8] == usbio_proto::kCodeI2cWrite && p.size() >= 27;
+      if (writeData) reg = p[24] | p[25] << 8 | p[26] << 16;
+      continue;
+    }
+    if (!writeData || p.size() < 4) continue;
+    writeData = false;
+    const uint32_t v = p[0] | p[1] << 8 | p[2] << 16 | (uint32_t)p[3] << 24;
+    if (reg == 0x60 && (prevReg == 0x08 || prevReg == 0x04))
+      ops.push_back({headers, (uint8_t)v, ((v >> 8) & 0xFF) << 16 | ((v >> 16) & 0xFF) << 8 | v >> 24});
+    prevReg = reg;
+  }
+  return ops;
+}
+
+// An image update hit by a fault in any of its phases (reading the flash and the bytes
+// to keep, erasing, programming, reading back) may fail, but it must never leave a flash that differs from
+// the image while saying it matches, it must not touch the flash outside the image, and the
+// same update run again must bring the flash to the image.
 TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
   const std::string shared = make_temp_dir("kivfault-img");
   const std::string image = shared + "/image.bin";
-  std::string bytes(8192, '\0');
-  uint32_t x = 0x12345678;
-  for (char &b : bytes) {
-    x = x * 1664525u + 1013904223u;
-    b = static_cast<char>(x >> 24);
-  }
+  auto randomBytes = [](size_t n, uint32_t x) {
+    std::string bytes(n, '\0');
+    for (char &b : bytes) {
+      x = x * 1664525u + 1013904223u;
+      b = static_cast<char>(x >> 24);
+    }
+    return bytes;
+  };
+  const std::string bytes = randomBytes(0x2ED4, 0x12345678);
   write_file(image, bytes);
+  // The flash before: other data that carries the calibration pattern, and the image with
+  // a byte in the sixth page of its first sector that needs an erase, an erased page in
+  // its second (programmed without an erase), and a byte in its last sector that needs an
+  // erase (which keeps the sector's bytes past the image).
+  std::string before = randomBytes(4u << 20, 0x9abcdef);
+  before.replace(0x40010, 16, std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
+  before.replace(0, bytes.size(), bytes);
+  for (size_t at : {0x523, 0x2E00}) before[at] = static_cast<char>(~bytes[at]);
+  before.replace(0x1300, 0x100, std::string(0x100, '\xFF'));
+  auto seeded = [&] {
+    const std::string dir = make_temp_dir("kivfault");
+    mkdir((dir + "/sim").c_str(), 0755);
+    write_file(dir + "/sim/flash.bin", before);
+    return dir;
+  };
   const std::string update = "spi update " + image + "\n";
   const std::string verify = "spi verify " + image + "\n";
-  const std::string matched = "Matched: Compare Image Length 8192";
+  const std::string matched = "Matched: Compare Image Length 11988";
 
-  const std::string dir = make_temp_dir("kivfault");
+  const std::string dir = seeded();
   const ToolResult base = runFamily(update, dir, "", dir + "/usb.pcap");
   ASSERT_NE(base.out.find(matched), std::string::npos) << base.out;
-  const uint32_t headers = static_cast<uint32_t>(command_headers(dir + "/usb.pcap").size());
+  // The headers of each phase, from the opcodes at the image's addresses.
+  const std::vector<FlashOp> ops = flash_ops(dir + "/usb.pcap");
+  std::array<std::vector<uint32_t>, 5> phase;   // scan, reading the bytes to keep, erase, program, check
+  bool erased = false, programmed = false;
+  for (const FlashOp &op : ops) {
+    if (op.addr >= 0x3000) continue;   // the calibration's reads
+    erased |= op.opcode == 0x20 || op.opcode == 0xD8;
+    programmed |= op.opcode == 0x02;
+    const bool read = op.opcode == 0x03, kept = op.addr >= bytes.size();
+    const int at = read ? (programmed ? 4 : erased ? -1 : kept ? 1 : 0) : op.opcode == 0x02 ? 3 : erased ? 2 : -1;
+    if (at >= 0) phase[at].push_back(op.header);
+  }
   const Family fam{"spi update", update};
-
   std::vector<Case> cases;
-  for (uint32_t at : pointsIn(kStartupHeaders + 1, headers))
-    for (const char *kind : {"nak", "nocomplete", "wrongcode", "unplug"})
-      cases.push_back({&fam, kind, at, make_temp_dir("kivfault"), {}});
+  for (const auto &headers : phase) {
+    ASSERT_GE(headers.size(), 1u);
+    for (uint32_t at : {headers.front(), headers[headers.size() / 2] + 1})
+      for (const char *kind : {"nak", "nocomplete", "wrongcode", "unplug"}) cases.push_back({&fam, kind, at, seeded(), {}});
+  }
   runAll(cases);
 
   for (const Case &c : cases) {
     const std::string what = c.kind + "@" + std::to_string(c.at);
     expectSurvived(c, 1);
-    const std::string flash = read_file(c.cwd + "/sim/flash.bin").substr(0, bytes.size());
-    const bool intact = flash == bytes;
+    const std::string flash = read_file(c.cwd + "/sim/flash.bin");
+    const bool intact = flash.substr(0, bytes.size()) == bytes;
+    EXPECT_TRUE(flash.substr(bytes.size()) == before.substr(bytes.size())) << what;
     // The update's own comparison never claims a match that is not there ...
     if (c.result.out.find(matched) != std::string::npos) {
       EXPECT_TRUE(intact) << what;
     }
     if (c.kind == "nak") {
-      EXPECT_EQ(withoutLines(c.result.out, {" time:"}), withoutLines(base.out, {" time:"})) << what;
+      EXPECT_EQ(withoutLines(c.result.out, {" time:", " transfers"}), withoutLines(base.out, {" time:", " transfers"}))
+          << what;
     }
-    // ... and a verify afterwards, without faults, tells the truth about the flash.
+    // ... a verify afterwards, without faults, tells the truth about the flash ...
     const ToolResult v = runFamily(verify, c.cwd, "");
     EXPECT_EQ(v.out.find(matched) != std::string::npos, intact) << what << "\n" << v.out;
     if (!intact) {
       EXPECT_NE(v.out.find("Image not match"), std::string::npos) << what << "\n" << v.out;
     }
+    // ... and the update again repairs it.
+    const ToolResult again = runFamily(update, c.cwd, "");
+    EXPECT_NE(again.out.find(matched), std::string::npos) << what << "\n" << again.out;
+    EXPECT_TRUE(read_file(c.cwd + "/sim/flash.bin").substr(0, bytes.size()) == bytes) << what;
   }
 }

@@ -40,11 +40,14 @@ std::string pattern(size_t n, unsigned seed) {
   return s;
 }
 
-// Erase messages carry a source line number and file reports carry times; tests compare
-// them without.
+// Erase messages carry a source line number, file reports carry times and image summaries
+// transfer counts; tests compare them without.
 std::string norm(const std::string &text) {
-  static const std::regex kLine(R"(\[spi_flash_erase-[0-9]+\])"), kTime(R"(time:[-0-9]+ [:0-9]+)");
-  return std::regex_replace(std::regex_replace(text, kLine, "[spi_flash_erase-N]"), kTime, "time:T");
+  static const std::regex kLine(R"(\[spi_flash_erase-[0-9]+\])"), kTime(R"(time:[-0-9]+ [:0-9]+)"),
+      kXfers(R"([0-9]+ transfers)");
+  return std::regex_replace(
+      std::regex_replace(std::regex_replace(text, kLine, "[spi_flash_erase-N]"), kTime, "time:T"), kXfers,
+      "N transfers");
 }
 std::string info(const std::string &what) { return "[spi_flash_erase-N]-info-: " + what + "\n"; }
 std::string fileHead(const std::string &name, size_t size) {
@@ -128,11 +131,14 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   image[0x1234] = 0x5A;
   b.put("img.bin", image);
   std::string err;
-  // Calibration (its pattern sector) first, then whole 64 KiB blocks and the sectors of the rest.
+  // Calibration (its pattern sector) first. The erased flash takes the image by programming
+  // alone; once most of the 16 sectors read needed writing, the rest are rewritten unread.
   EXPECT_EQ(norm(b.run("spi update img.bin\n", {}, &err)),
             fileHead("img.bin", 70077) + "g_SpiCH=1, spic_clk=12\n" + info("Sector Erase 64") +
-                info("Block64K Erase 0") + info("Sector Erase 16") + info("Sector Erase 17") +
-                "Image Length 70077\nMatched: Compare Image Length 70077\n" + kOk);
+                info("Sector Erase 16") + info("Sector Erase 17") +
+                "Image Length 70077\nMatched: Compare Image Length 70077\nFlash: 0 sectors equal, 2 erased (0 "
+                "blocks of 64 KiB), 274 pages programmed, N transfers (most sectors differed: the rest was "
+                "rewritten unread)\n" + kOk);
   EXPECT_EQ(err, "");   // no progress bar when stderr is not a terminal
   const std::string img = b.flash();
   EXPECT_EQ(img.substr(0, image.size()), image);
@@ -158,13 +164,16 @@ TEST(SpiCommand, UpdateOddLengthThenVerifyDumpAndMismatchReports) {
   EXPECT_EQ(read_file(b.cwd + "/out"),
             std::string(kSdkLine) + "FILE flash_copy.bin write fail: File too large\n" + kOk);
 
-  // Programming over data that was not erased shows in the check that follows.
-  EXPECT_EQ(norm(b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n")),
+  // The plain full rewrite of pgwithbase programs without erasing: data that was not erased
+  // shows in the check that follows.
+  EXPECT_EQ(norm(b.run("spi pgwithbase bad.bin 0x1000 0x1000 0x400\n", {{"KIVTOOL_FLASH_FULL", "1"}})),
             fileHead("bad.bin", 70077) +
                 "Image Length 1024\nImage not match between 0x001200 ~ 0x001300 !\n"
                 "First difference at 0x001234: file 0xa5, flash 0x00 (1 of 256 bytes differ)\n" + kOk);
   const std::string out = b.run("spi erase sector 2 2\nspi pgwithbase bad.bin 0x10 0x2010 300\n");
-  EXPECT_TRUE(out.ends_with("Image Length 300\nMatched: Compare Image Length 300\n" + kOk)) << out;
+  EXPECT_TRUE(norm(out).ends_with("Image Length 300\nMatched: Compare Image Length 300\nFlash: 0 sectors equal, 0 "
+                                  "erased (0 blocks of 64 KiB), 2 pages programmed, N transfers\n" + kOk))
+      << out;
   EXPECT_EQ(b.flash()[0x2010 + 300], '\xFF');
   EXPECT_EQ(b.run("spi pg0861flash img.bin 1 1\n"), "g_SpiCH=1, spic_clk=12\nspi pg0861flash: not supported\n" + kOk);
 }
@@ -178,6 +187,7 @@ TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstEr
   ASSERT_EQ(mkfifo((b.cwd + "/fifo").c_str(), 0644), 0);
   b.put("sim/flash.bin", before);
   b.put("small.bin", pattern(5000, 10));
+  b.put("empty.bin", "");
   b.put("big.bin", std::string(5u << 20, '\0'));
   b.put("huge.bin", std::string(17u << 20, '\0'));
   const std::string fits = " bytes does not fit the 4096 KiB flash from 0x";
@@ -191,6 +201,10 @@ TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstEr
       {"update huge.bin", "Image of 17825792" + fits + "000000"},
       {"pgwithbase small.bin 0 0x3FF000 5000", "Image of 5000" + fits + "3ff000"},
       {"pgwithbase small.bin 100 0xFFFFFF00 1", "Image of 1" + fits + "ffffff00"},
+      // Nothing to write: refused before the calibration (which may erase its sector).
+      {"update empty.bin", "File empty.bin is empty"},
+      {"pgwithbase small.bin 5000 0 16", "File small.bin: start 0x1388 is at or past its end (5000 bytes)"},
+      {"pgwithbase small.bin 0 0 0", "Length 0"},
   };
   const std::string sysfs = "/sys/kernel/mm/transparent_hugepage/enabled";
   if (const size_t n = read_file(sysfs).size(); n > 0 && n < 4096)
@@ -225,6 +239,14 @@ TEST(SpiCommand, ImagesThatCannotBeReadWholeOrDoNotFitAreRefusedBeforeTheFirstEr
   const std::string notRegular = ": not a regular file\n";
   EXPECT_EQ(err, "spi: dir" + notRegular + "spi: fifo" + notRegular + "spi: flash_copy.bin" + notRegular +
                      "spi: cannot read /proc/self/mem: Input/output error\n");
+  EXPECT_TRUE(b.flash() == before);
+  // With -e each of them fails the run.
+  for (const char *line : {"spi update empty.bin", "spi pgwithbase small.bin 0 0 0", "spi pgwithbase small.bin 5000 0 1"}) {
+    ToolRun r;
+    r.args = {"-e", line};   // the words are joined with blanks
+    r.cwd = b.cwd;
+    EXPECT_EQ(run_tool(r).status, 1) << line;
+  }
   EXPECT_TRUE(b.flash() == before);
 }
 
@@ -305,6 +327,16 @@ TEST(SpiCommand, ProgressBarOnlyWhenStderrIsATerminal) {
   EXPECT_EQ(piped, "Matched: Compare Image Length 200000\n" + kOk);
   EXPECT_NE(t.output().find("verify"), std::string::npos) << t.output();
   EXPECT_NE(t.output().find("100%"), std::string::npos) << t.output();
+
+  // An update shows its phases with the time left; stdout stays as piped.
+  b.put("img2.bin", pattern(200000, 6));
+  Term u("(cd " + ::quoted(b.cwd) + " && KIVTOOL_SIM=sim " + quoted(KIVTOOL_PATH) +
+         " spi update img2.bin < /dev/null > tty.out)");
+  ASSERT_EQ(u.wait(), 0);
+  const std::string ttyOut = read_file(b.cwd + "/tty.out");
+  EXPECT_NE(ttyOut.find("Matched: Compare Image Length 200000\nFlash: "), std::string::npos) << ttyOut;
+  for (const char *shown : {"scan ", "erase ", "program ", "check ", " left"})
+    EXPECT_NE(u.output().find(shown), std::string::npos) << shown << "\n" << u.output();
 }
 
 }  // namespace

@@ -224,24 +224,6 @@ TEST(SpiFlashLayer, EraseRangeKeepsItsFirstFailure) {
   EXPECT_NE(out.find("Sector Erase 2\n"), std::string::npos) << out;
 }
 
-// A program never crosses a page end: one ending exactly at it stays one page program, one
-// ending a byte past it puts that byte at the start of the next page (the flash itself
-// would wrap it to the start of the same page).
-TEST(SpiFlashLayer, ProgramSplitsExactlyAtPageEnds) {
-  FlashBoard board;
-  flash_program(0x1FE, {0x11, 0x22});
-  flash_program(0x2FF, {0x33, 0x44});
-  flash_program(0x400, Bytes(256, 0x55));
-  EXPECT_EQ(flash_read(0x1FE, 3), (Bytes{0x11, 0x22, 0xFF}));
-  EXPECT_EQ(flash_read(0x200, 1), Bytes{0xFF});
-  EXPECT_EQ(flash_read(0x2FE, 3), (Bytes{0xFF, 0x33, 0x44}));
-  EXPECT_EQ(flash_read(0x3FF, 258), [] {
-    Bytes b(258, 0x55);
-    b.front() = b.back() = 0xFF;
-    return b;
-  }());
-}
-
 TEST(SpiFlashLayer, MultiLineReadSetUpAndItsDelayArithmetic) {
   FlashBoard board;
   const Bytes data = {1, 2, 3, 4, 5, 6, 7, 8, 9};

@@ -1,0 +1,202 @@
+// `spi update` and `spi pgwithbase` over a flash that already holds data: the range ends up
+// holding the image, everything outside it keeps its old bytes, only what differs is erased,
+// the transfers stay within their budget, and a run killed halfway is repaired by the next.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tool_output.h"
+
+namespace {
+
+const std::string kCalPattern("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16);
+
+std::string random_bytes(size_t n, unsigned seed) {
+  std::string s(n, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (auto &c : s) c = (char)((x = x * 1103515245u + 12345u) >> 16);
+  return s;
+}
+
+// A 4 MiB flash of random bytes that carries the calibration pattern, so the calibration
+// before an update leaves it alone.
+std::string random_flash(unsigned seed) {
+  std::string f = random_bytes(4u << 20, seed);
+  f.replace(0x40010, kCalPattern.size(), kCalPattern);
+  return f;
+}
+
+struct Board {
+  std::string cwd = make_temp_dir("kivflow");
+  explicit Board(const std::string &flash) {
+    mkdir((cwd + "/sim").c_str(), 0755);
+    write_file(cwd + "/sim/flash.bin", flash);
+  }
+  std::string flash() const { return read_file(cwd + "/sim/flash.bin"); }
+  void put(const std::string &name, const std::string &content) const { write_file(cwd + "/" + name, content); }
+  std::string run(const std::string &line, EnvVars env = {}, int timeoutMs = 60000, bool *killed = nullptr) const {
+    ToolRun r;
+    r.input = line + "\n";
+    r.cwd = cwd;
+    r.env = std::move(env);
+    r.timeoutMs = timeoutMs;
+    const ToolResult res = run_tool(r);
+    if (killed) *killed = res.timedOut;
+    else EXPECT_EQ(res.status, 0) << line << "\n" << res.err;
+    return res.out;
+  }
+};
+
+// The erase lines of a run, without their source line numbers.
+std::string erases(const std::string &out) {
+  static const std::regex kErase(R"(\[spi_flash_erase-[0-9]+\]-info-: ([^\n]*)\n)");
+  std::string list;
+  for (std::sregex_iterator it(out.begin(), out.end(), kErase), end; it != end; ++it) list += (*it)[1].str() + ";";
+  return list;
+}
+
+// Bulk transfers in a capture: one submit record each.
+uint64_t transfers_in(const std::string &pcap) {
+  const std::string f = read_file(pcap);
+  uint64_t n = 0;
+  for (size_t at = 24; at + 16 + 64 <= f.size();) {
+    uint32_t len = 0;
+    std::memcpy(&len, f.data() + at + 8, 4);
+    n += f[at + 16 + 8] == 'S';
+    at += 16 + len;
+  }
+  return n;
+}
+
+// One board through a series of writes; after each the flash must hold the range's bytes
+// and the old ones everywhere else, having erased only what the table names.
+TEST(ImageFlow, WritesChangeTheRangeAndNothingElse) {
+  std::string model = random_flash(1);
+  Board b(model);
+  const std::string patch = random_bytes(200, 2), upd = random_bytes(70077, 3), cross = random_bytes(0x11800, 4);
+  // Two changed bytes of an image the flash holds: a sector needs an erase only when a bit
+  // must be set (programming clears bits).
+  std::string upd2 = upd;
+  upd2[0x3456] = (char)~upd[0x3456];
+  upd2[0x5000] = (char)(upd[0x5000] ^ 1);
+  auto setsBit = [&](size_t i) { return (upd2[i] & ~upd[i]) != 0; };
+  const std::string upd2Erases = std::string(setsBit(0x3456) ? "Sector Erase 3;" : "") +
+                                 (setsBit(0x5000) ? "Sector Erase 5;" : "");
+  b.put("patch.bin", patch);
+  b.put("upd.bin", upd);
+  b.put("upd2.bin", upd2);
+  b.put("cross.bin", cross);
+  struct Step {
+    std::string line;        // after "spi "
+    std::string content;     // what the range must hold
+    uint32_t at;             // where the range starts
+    std::string erased;      // the erase lines expected
+  };
+  const std::vector<Step> steps = {
+      // 100 bytes at an odd address: one sector erased, its other 3996 bytes put back.
+      {"pgwithbase patch.bin 7 0x1011 100", patch.substr(7, 100), 0x1011, "Sector Erase 1;"},
+      // Ending mid-sector: the tail of sector 17 is kept. Most sectors differ, so the scan
+      // gives up after 16 and the first block is erased whole.
+      {"update upd.bin", upd, 0, "Block64K Erase 0;Sector Erase 16;Sector Erase 17;"},
+      {"update upd2.bin", upd2, 0, upd2Erases},
+      // Across a 64 KiB block: half a sector, a whole block, one more sector.
+      {"pgwithbase cross.bin 0 0xF800 0x11800", cross, 0xF800, "Sector Erase 15;Block64K Erase 1;Sector Erase 32;"},
+      {"pgwithbase cross.bin 0 0xF800 0x11800", cross, 0xF800, ""},   // already there
+      // Erased flash takes its bytes by programming only.
+      {"erase sector 0x50 0x50", std::string(0x1000, '\xFF'), 0x50000, "Sector Erase 80;"},
+      {"pgwithbase patch.bin 0 0x50123 200", patch, 0x50123, ""},
+  };
+  for (const Step &s : steps) {
+    const std::string out = b.run("spi " + s.line);
+    model.replace(s.at, s.content.size(), s.content);
+    EXPECT_EQ(erases(out), s.erased) << s.line << "\n" << out;
+    if (s.line.rfind("erase", 0) != 0) {
+      EXPECT_NE(out.find("Matched: Compare Image Length " + std::to_string(s.content.size()) + "\n"),
+                std::string::npos) << s.line << "\n" << out;
+    }
+    if (s.erased.empty() && s.line.rfind("pgwithbase cross", 0) == 0) {
+      EXPECT_NE(out.find("The flash already holds the image, nothing written\n"), std::string::npos) << out;
+      EXPECT_NE(out.find("Flash: 18 sectors equal, 0 erased (0 blocks of 64 KiB), 0 pages programmed"),
+                std::string::npos) << out;
+    }
+    ASSERT_TRUE(b.flash() == model) << s.line;
+  }
+}
+
+// The transfer budget of the differential flow, counted in a capture, against the plain
+// full rewrite of a 128 KiB image: another image, the same again, an image whose second
+// half is 0xFF, one sector changed, and the first page of every sector equal, the rest not.
+TEST(ImageFlow, TransfersStayWithinTheirBudget) {
+  constexpr size_t kLen = 0x20000;
+  std::string old = random_flash(5);
+  Board b(old);
+  const std::string a = old.substr(0, kLen);
+  const std::string other = random_bytes(kLen, 6);
+  std::string half = other, sector = a, worst = other;
+  half.replace(kLen / 2, kLen / 2, std::string(kLen / 2, '\xFF'));
+  sector.replace(0x8000, 0x1000, random_bytes(0x1000, 7));
+  for (size_t s = 0; s < kLen; s += 0x1000) worst.replace(s, 256, a.substr(s, 256));
+  struct Case {
+    const char *name;
+    std::string image;
+    double budget;   // of the full rewrite of another image
+  };
+  const std::vector<Case> cases = {{"other", other, 0.9}, {"same", a, 0.32}, {"half 0xFF", half, 0.6},
+                                   {"one sector", sector, 0.32}, {"worst", worst, 1.02}};
+  auto transfers = [&](const std::string &image, bool full) {
+    write_file(b.cwd + "/sim/flash.bin", old);
+    b.put("img.bin", image);
+    const std::string pcap = b.cwd + "/u.pcap";
+    EnvVars env = {{"KIVTOOL_PCAP", pcap}};
+    if (full) env.emplace_back("KIVTOOL_FLASH_FULL", "1");
+    const std::string out = b.run("spi update img.bin", env);
+    EXPECT_NE(out.find("Matched: Compare Image Length 131072\n"), std::string::npos) << out;
+    EXPECT_TRUE(b.flash().substr(0, kLen) == image);
+    const uint64_t n = transfers_in(pcap);
+    std::remove(pcap.c_str());
+    return (double)n;
+  };
+  const double full = transfers(other, true);
+  ASSERT_GT(full, 300000);
+  for (const Case &c : cases) {
+    const double ratio = transfers(c.image, false) / full;
+    EXPECT_LE(ratio, c.budget) << c.name;
+    std::printf("%-12s %.3f of the full rewrite\n", c.name, ratio);
+  }
+}
+
+// A run killed at any moment leaves a flash that the same command, run again, brings to
+// the image.
+TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
+  const std::string old = random_flash(8);
+  const std::string image = random_bytes(0x80000, 9);
+  const auto t0 = std::chrono::steady_clock::now();
+  Board(old).run("spi update " + [&] {
+    const std::string dir = make_temp_dir("kivflow");
+    write_file(dir + "/img.bin", image);
+    return dir + "/img.bin";
+  }());
+  const int whole = (int)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+  int kills = 0;
+  for (int part = 1; part <= 4; ++part) {
+    Board b(old);
+    b.put("img.bin", image);
+    bool killed = false;
+    b.run("spi update img.bin", {}, whole * part / 5, &killed);
+    kills += killed;
+    const std::string out = b.run("spi update img.bin");
+    EXPECT_NE(out.find("Matched: Compare Image Length 524288\n"), std::string::npos) << part << "\n" << out;
+    const std::string flash = b.flash();
+    EXPECT_TRUE(flash.substr(0, image.size()) == image) << part;
+    EXPECT_TRUE(flash.substr(image.size()) == old.substr(image.size())) << part;
+  }
+  EXPECT_GE(kills, 2);
+}
+
+}  // namespace
