@@ -1,5 +1,6 @@
 // The image flows of the `spi` command on the differential flash write: progress with the
-// phase and the time left on a terminal, the verdict and a summary on stdout.
+// phase and the time left on a terminal, the verdict on stdout as the plain rewrite prints
+// it, and what the flow itself has to say (nothing to write, the summary) on stderr.
 #include "internal/kivcmd/hx5200_cmd_flashwrite.h"
 
 #include <unistd.h>
@@ -95,16 +96,17 @@ int32_t flashcmd_write_image(uint32_t base, const std::vector<uint8_t> &img) {
   printf("Image Length %d\n", (int)r.inPlace);
   const bool wrote = r.sectorsErased || r.pagesProgrammed;
   if (r.keptUnsure) {
-    puts("The flash around the range reads differently each time: nothing erased");
+    std::fputs("spi: the flash around the range reads differently each time: nothing erased\n", stderr);
   } else if (r.mismatch) {
     printf("Image not match between 0x%06x ~ 0x%06x !\n", r.pieceFrom, r.pieceTo);
     printf("First difference at 0x%06x: file 0x%02x, flash 0x%02x (%u of %u bytes differ)\n", r.firstAt, r.want,
            r.got, r.differ, r.pieceTo - r.pieceFrom);
   } else if (rc == 0) {
-    if (!wrote) puts("The flash already holds the image, nothing written");
+    if (!wrote) std::fputs("spi: the flash already holds the image, nothing written\n", stderr);
     printf("Matched: Compare Image Length %d\n", (int)img.size());
   }
-  printf("Flash: %u sectors equal, %u erased (%u blocks of 64 KiB), %u pages programmed, %llu transfers%s\n",
+  std::fflush(stdout);
+  std::fprintf(stderr, "spi: %u sectors equal, %u erased (%u blocks of 64 KiB), %u pages programmed, %llu transfers%s\n",
          r.sectorsEqual, r.sectorsErased, r.blocksErased, r.pagesProgrammed, (unsigned long long)r.transfers,
          r.scanCut ? " (most sectors differed: the rest was rewritten unread)" : "");
   return rc;
