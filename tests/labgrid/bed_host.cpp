@@ -68,6 +68,17 @@ int main(int argc, char **argv) {
     adapters.push_back({a.substr(0, colon), colon == std::string::npos ? "" : a.substr(colon + 1)});
   }
   if (i + 1 >= argc) return usage();
+  // umockdev sends a device's "add" and "remove" events to the udev monitors of the
+  // programs under the bed (labgrid's resources hear adapters come and go) only from a
+  // process that runs under its preload library itself: start again under it.
+  if (!getenv("KIVBED_PRELOADED")) {
+    setenv("KIVBED_PRELOADED", "1", 1);
+    setenv("LD_PRELOAD", KIV_UMOCKDEV_LIBDIR "/libumockdev-preload.so.0", 1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    execv("/proc/self/exe", argv);
+    perror("labgrid_bed_host: cannot start again under the preload library");
+    return 1;
+  }
   std::string why;
   if (!usbfs_bed_available(why)) {
     fprintf(stderr, "labgrid_bed_host: %s\n", why.c_str());

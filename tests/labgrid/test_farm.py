@@ -13,6 +13,7 @@ def wait_avail(res, avail, seconds=10.0):
     deadline = time.monotonic() + seconds
     while res.avail != avail and time.monotonic() < deadline:
         res.poll()
+        time.sleep(0.05)
     assert res.avail == avail, f"{res.display_name} never became {'available' if avail else 'unavailable'}"
 
 
@@ -87,3 +88,13 @@ def test_a_serial_follows_the_adapter_to_another_port(targets, b, bed):
     bed.plug("1-3.2", "1-4")
     wait_avail(res, True)
     assert res.path == "1-4" and b.reg_get(SCRATCH) == 0x0000CAFE
+
+
+def test_a_remote_place_runs_the_tool_through_the_command_prefix(targets, a, monkeypatch, tmp_path):
+    # As ssh runs it on the exporter: the words are joined into one line for a shell there.
+    log = tmp_path / "exporter.log"
+    prefix = ["/bin/sh", "-c", f'echo "$*" > {log}; eval "$*"', "exporter"]
+    monkeypatch.setattr(type(resource(targets[0])), "command_prefix", property(lambda self: prefix))
+    a.reg_set(SCRATCH, 0x00C0FFEE)
+    assert a.reg_get(SCRATCH) == 0x00C0FFEE
+    assert log.read_text().split()[1:] == ["-e", "-a", "path:1-3.1", "--", "reg", "get", "0x4A180048"]
