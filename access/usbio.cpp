@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -12,6 +13,7 @@
 #include "access/access.h"
 #include "access/access_local.h"
 #include "access/usbio_protocol.h"
+#include "access/usbio_identity.h"
 
 usb_dev_handle *usbio_handle = nullptr;
 uint8_t usbio_flash_param = 15;
@@ -262,16 +264,27 @@ void smi_line_spare() {}
 
 // ---- device handling ----------------------------------------------------------------------------
 
+// Opens the adapter the identity names (or, with no selector before the first open, the
+// first one on the bus) and claims its interface.
 usb_dev_handle *usbio_open(void) {
   const usb_ops_t *ops = usb_ops_get();
   g_openCause = ENOENT;
   g_openNode[0] = '\0';
+  UsbioAdapter target;
+  const int matches = usbio_target(&target);
+  if (matches == 0 || matches > 1) {
+    usbio_identity_missing(matches);
+    return nullptr;
+  }
   ops->init();
   ops->find_busses();
   ops->find_devices();
   for (usb_bus *bus = ops->get_busses(); bus; bus = bus->next) {
     for (struct usb_device *dev = bus->devices; dev; dev = dev->next) {
       if (dev->descriptor.idVendor != USBIO_VID || dev->descriptor.idProduct != USBIO_PID) continue;
+      const unsigned busnum = static_cast<unsigned>(atoi(bus->dirname));
+      const unsigned devnum = static_cast<unsigned>(atoi(dev->filename));
+      if (matches == 1 && (busnum != target.busnum || devnum != target.devnum)) continue;
       snprintf(g_openNode.data(), g_openNode.size(), "/dev/bus/usb/%.8s/%.8s", bus->dirname, dev->filename);
       errno = 0;
       usb_dev_handle *h = ops->open(dev);
@@ -287,9 +300,12 @@ usb_dev_handle *usbio_open(void) {
       }
       g_devnum = dev->devnum;
       g_openCause = 0;
+      usbio_identity_opened(busnum, devnum);
       return h;
     }
   }
+  // Listed in sysfs but not (yet) by libusb: as if it were not there.
+  if (matches == 1) usbio_identity_missing(0);
   return nullptr;
 }
 

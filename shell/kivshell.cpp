@@ -13,6 +13,7 @@
 
 #include "access/access.h"
 #include "access/usbio.h"
+#include "access/usbio_identity.h"
 #include "kiv/kiv_parser.h"
 #include "sim/sim.h"
 
@@ -31,6 +32,8 @@ FILE *g_cfgFile = nullptr;
 struct Options {
   bool errexit = false;   // -e: a failed line sets the exit status (and ends a script)
   int firstWord = 1;      // argv index of the first command word
+  const char *adapter = nullptr;   // -a: which USB I/O adapter (wins over KIVTOOL_ADAPTER)
+  bool listAdapters = false;       // --list-adapters
 };
 
 constexpr int kStatusFailed = 1;
@@ -47,6 +50,13 @@ constexpr char kUsage[] =
     "  -e, --errexit   fail on a failed line: a command line given as arguments exits\n"
     "                  with status 1; a script stops at that line with status 1 and names\n"
     "                  it on standard error\n"
+    "  -a, --adapter SEL\n"
+    "                  which USB I/O adapter to use when several are plugged in: path:1-3.1\n"
+    "                  (or 1-3.1: the port path, as in /sys/bus/usb/devices), serial:TEXT, or\n"
+    "                  dev:BUS/DEV (as lsusb prints it); the tool then stays with that adapter\n"
+    "      --list-adapters\n"
+    "                  the adapters on this host: node, port path, serial, whether this user\n"
+    "                  can open it (tab-separated)\n"
     "  -h, --help      this text\n"
     "      --version   program, build and SDK version\n"
     "  --              end of the options\n"
@@ -64,10 +74,12 @@ constexpr char kUsage[] =
     "                             badstatus, nocomplete, wrongcode, unplug, datamissing\n"
     "  KIVTOOL_PCAP=<file>        every USB bulk transfer to a pcap file (Wireshark, tshark)\n"
     "  KIVTOOL_TRACE=1            print every register access of the reg commands\n"
+    "  KIVTOOL_ADAPTER=SEL        as -a SEL (the option wins)\n"
+    "  KIVTOOL_HOTPLUG=0          at the prompt, do not report the adapter leaving or coming\n"
     "\n"
     "Exit status: 0, also when a command failed (look for Success!! or Errno :); with -e,\n"
     "1 for a failed line. 1 for a command line of more than 1023 characters, 2 for an\n"
-    "unknown option.\n"
+    "unknown option or a malformed adapter selector.\n"
     "\n"
     "Documentation: README.md (use, a real adapter, keys, scripting, capture), docs/board.md\n"
     "(the simulated board), udev/60-kivtool.rules (access to the adapter without root),\n"
@@ -84,6 +96,16 @@ int parseOptions(int argc, char **argv, Options &opt) {
     }
     if (a == "-e" || a == "--errexit") {
       opt.errexit = true;
+    } else if (a == "-a" || a == "--adapter") {
+      if (i + 1 >= argc) {
+        fprintf(stderr, "kivtool: %s needs an adapter selector (kivtool --help)\n", argv[i]);
+        return kStatusUsage;
+      }
+      opt.adapter = argv[++i];
+    } else if (a.rfind("--adapter=", 0) == 0) {
+      opt.adapter = argv[i] + 10;
+    } else if (a == "--list-adapters") {
+      opt.listAdapters = true;
     } else if (a == "-h" || a == "--help") {
       fputs(kUsage, stdout);
       return 0;
@@ -96,6 +118,17 @@ int parseOptions(int argc, char **argv, Options &opt) {
     }
   }
   opt.firstWord = i;
+  if (opt.listAdapters) {
+    usbio_list_adapters(stdout);
+    return 0;
+  }
+  const char *sel = opt.adapter ? opt.adapter : getenv("KIVTOOL_ADAPTER");
+  if (!usbio_select(sel)) {
+    fprintf(stderr,
+            "kivtool: malformed adapter selector '%s': use path:BUS-PORT[.PORT...], serial:TEXT or dev:BUS/DEV\n",
+            sel);
+    return kStatusUsage;
+  }
   return -1;
 }
 
@@ -365,6 +398,8 @@ int kivshell_main(int argc, char **argv) {
     close(devNull);
     return 1;
   }
+  if (usbio_selector()[0] && !usbio_identity_active())
+    fputs("kivtool: the simulated board has one adapter; the adapter selector is not used\n", stderr);
 
   if (!oneShot) printf("#\r\n# Quorvex KIV Tool build %s\r\n#\r\n", KIV_BUILD_STRING);
   printf("# SDK version %08x\r\n#\r\n", KIV_SDK_VERSION);

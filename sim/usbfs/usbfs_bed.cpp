@@ -64,11 +64,17 @@ struct Urb {
 
 struct Node {
   std::string syspath, devnode;
+  std::string port;      // port path, the sysfs name ("1-3.1")
+  std::string serial;    // "" : the device has no serial number
+  std::string board;     // its own board's directory; "" : the bed's board
+  int id = -1;           // the adapter this node is one plug of (plug_adapter_at)
   int devnum = 0;
   bool adapter = false;  // 0x0C55:0x5731
-  bool served = false;   // the adapter the board answers for
+  bool served = false;   // the adapter the bed's board answers for
   size_t claims = 0;     // interface claims made on this node
   bool gone = false;     // pulled: every ioctl of an open handle fails with ENODEV
+
+  bool answers() const { return served || !board.empty(); }
 };
 
 struct UsbfsBedImpl {
@@ -79,7 +85,20 @@ struct UsbfsBedImpl {
   std::map<UMockdevIoctlClient *, std::deque<Urb>> urbs;   // per open descriptor, in submit order
   UsbfsBed::Claim claim = UsbfsBed::Claim::ok;
   int nextDevnum = 2;
+  int nextId = 0;
   std::atomic<size_t> served{0};
+  std::string bedBoard;       // the board of adapters without one of their own
+  std::string attachedBoard;  // the board the simulation holds now (one at a time)
+
+  // The simulation holds one board at a time: an adapter with another board swaps it in
+  // (the state files keep each board's registers and flash across the swap).
+  void use_board_locked(const Node &n) {
+    const std::string &want = n.board.empty() ? bedBoard : n.board;
+    if (want == attachedBoard) return;
+    sim_detach();
+    sim_attach(want.c_str());
+    attachedBoard = want;
+  }
 
   Node *node_of(UMockdevIoctlClient *c) {
     const char *dn = umockdev_ioctl_client_get_devnode(c);
@@ -101,7 +120,7 @@ struct UsbfsBedImpl {
     if (!d) return;
     while (dirent *e = readdir(d)) {
       for (Node &n : nodes) {
-        if (n.adapter && !n.gone && n.devnode == "/dev/bus/usb/001/" + std::string(e->d_name)) {
+        if (n.adapter && n.board.empty() && !n.gone && n.devnode == "/dev/bus/usb/001/" + std::string(e->d_name)) {
           n.served = true;
           closedir(d);
           return;
@@ -111,29 +130,39 @@ struct UsbfsBedImpl {
     closedir(d);
   }
 
-  void plug(uint16_t vid, uint16_t pid, bool serve) {
+  // Adds a device at the port path `port` ("" : a port of its own on bus 1). Returns false
+  // when umockdev refused it.
+  bool plug(uint16_t vid, uint16_t pid, bool serve, std::string port = {}, const std::string &serial = {},
+            const std::string &board = {}, int id = -1) {
     const int num = nextDevnum++;
-    char text[1024];
+    if (port.empty()) port = "1-" + std::to_string(num);
+    const int bus = atoi(port.c_str()) > 0 ? atoi(port.c_str()) : 1;
+    char dev[64];
+    snprintf(dev, sizeof dev, "/dev/bus/usb/%03d/%03d", bus, num);
     const std::string hex = descriptors_hex(vid, pid);
-    snprintf(text, sizeof text,
-             "P: /devices/pci0000:00/0000:00:14.0/usb1/1-%d\n"
-             "N: bus/usb/001/%03d=%s\n"
-             "E: BUSNUM=001\nE: DEVNAME=/dev/bus/usb/001/%03d\nE: DEVNUM=%03d\n"
+    const std::string syspath = "/devices/pci0000:00/0000:00:14.0/usb" + std::to_string(bus) + "/" + port;
+    char attrs[512];
+    snprintf(attrs, sizeof attrs,
+             "E: BUSNUM=%03d\nE: DEVNAME=%s\nE: DEVNUM=%03d\n"
              "E: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\n"
-             "A: busnum=1\nA: devnum=%d\nA: idVendor=%04x\nA: idProduct=%04x\n"
-             "H: descriptors=%s\n",
-             num, num, hex.c_str(), num, num, num, vid, pid, hex.c_str());
+             "A: busnum=%d\nA: devnum=%d\nA: idVendor=%04x\nA: idProduct=%04x\n",
+             bus, dev, num, bus, num, vid, pid);
+    std::string text = "P: " + syspath + "\nN: " + std::string(dev + 5) + "=" + hex + "\n" + attrs;
+    if (!serial.empty()) text += "A: serial=" + serial + "\n";
+    text += "H: descriptors=" + hex + "\n";
     GError *err = nullptr;
-    if (!umockdev_testbed_add_from_string(tb, text, &err)) {
+    if (!umockdev_testbed_add_from_string(tb, text.c_str(), &err)) {
       fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
       g_clear_error(&err);
-      return;
+      return false;
     }
     Node n;
-    n.syspath = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-" + std::to_string(num);
-    char dev[64];
-    snprintf(dev, sizeof dev, "/dev/bus/usb/001/%03d", num);
+    n.syspath = "/sys" + syspath;
     n.devnode = dev;
+    n.port = port;
+    n.serial = serial;
+    n.board = board;
+    n.id = id;
     n.devnum = num;
     n.adapter = pid == 0x5731;
     n.served = serve;
@@ -143,22 +172,39 @@ struct UsbfsBedImpl {
     }
     std::lock_guard<std::mutex> lock(mu);
     nodes.push_back(n);
+    return true;
+  }
+
+  // Node `n` leaves the bed as on a real host: its sysfs entry and its device node go, and
+  // handles still open on it get ENODEV (caller holds the lock).
+  void pull_node_locked(Node &n) {
+    if (n.gone) return;
+    n.gone = true;
+    umockdev_testbed_remove_device(tb, n.syspath.c_str());
+    gchar *root = umockdev_testbed_get_root_dir(tb);
+    unlink((std::string(root) + n.devnode).c_str());
+    g_free(root);
   }
 
   // The served adapter leaves the bed (caller holds the lock).
   void pull_locked() {
-    for (Node &n : nodes) {
-      if (!n.served || n.gone) continue;
-      n.gone = true;
-      umockdev_testbed_remove_device(tb, n.syspath.c_str());
-    }
+    for (Node &n : nodes)
+      if (n.served) pull_node_locked(n);
+  }
+
+  // The node of adapter `id` that is plugged in now, or null (caller holds the lock).
+  Node *current_of_locked(int id) {
+    for (Node &n : nodes)
+      if (n.id == id && !n.gone) return &n;
+    return nullptr;
   }
 
   // Moves what the board has to send into the oldest pending IN URB of this descriptor.
   void feed_in(std::deque<Urb> &q, const Node &n) {
     for (Urb &u : q) {
       if (u.done || !u.in) continue;
-      if (!n.served || n.gone) return;   // nothing ever comes: the URB waits for its time-out
+      if (!n.answers() || n.gone) return;   // nothing ever comes: the URB waits for its time-out
+      use_board_locked(n);
       auto *urb = reinterpret_cast<usbdevfs_urb *>(u.urb->data);
       const int r = sim_adapter_in(u.buf ? u.buf->data : nullptr, (size_t)urb->buffer_length);
       if (r == 0) return;
@@ -198,9 +244,12 @@ struct UsbfsBedImpl {
     }
     if (!u.in) {
       int r = urb->buffer_length;
-      if (n.served) r = sim_adapter_out(u.buf ? u.buf->data : nullptr, (size_t)urb->buffer_length);
-      if (r == -ENODEV || sim_adapter_unplugged()) {
-        if (n.served) pull_locked();
+      if (n.answers()) {
+        use_board_locked(n);
+        r = sim_adapter_out(u.buf ? u.buf->data : nullptr, (size_t)urb->buffer_length);
+      }
+      if (n.answers() && (r == -ENODEV || sim_adapter_unplugged())) {
+        pull_node_locked(n);
         if (u.buf) g_object_unref(u.buf);
         g_object_unref(urbData);
         umockdev_ioctl_client_complete(c, -1, ENODEV);
@@ -266,7 +315,7 @@ struct UsbfsBedImpl {
       umockdev_ioctl_client_complete(c, -1, ENODEV);
       return TRUE;
     }
-    const bool adapter = n->served;
+    const bool adapter = n->answers();
     GError *err = nullptr;
     switch (req) {
       case USBDEVFS_CONNECTINFO: {
@@ -331,6 +380,7 @@ void client_vanished(UMockdevIoctlBase *, UMockdevIoctlClient *c, gpointer self)
 
 UsbfsBed::UsbfsBed(const std::string &boardDir) : d_(std::make_unique<UsbfsBedImpl>()) {
   sim_attach(boardDir.c_str());
+  d_->bedBoard = d_->attachedBoard = boardDir;
   d_->tb = umockdev_testbed_new();
   d_->handler = umockdev_ioctl_base_new();
   g_signal_connect(d_->handler, "handle-ioctl", G_CALLBACK(handle_ioctl), d_.get());
@@ -362,7 +412,65 @@ void UsbfsBed::unplug_adapter() {
   d_->pull_locked();
 }
 
-void UsbfsBed::replug_adapter() { d_->plug(0x0C55, 0x5731, true); }
+void UsbfsBed::replug_adapter() {
+  std::string port;
+  {
+    std::lock_guard<std::mutex> lock(d_->mu);
+    for (const Node &n : d_->nodes)
+      if (n.served) port = n.port;
+  }
+  d_->plug(0x0C55, 0x5731, true, port);
+}
+
+int UsbfsBed::plug_adapter_at(const std::string &port, const std::string &serial, const std::string &boardDir) {
+  int id;
+  {
+    std::lock_guard<std::mutex> lock(d_->mu);
+    id = d_->nextId++;
+  }
+  d_->plug(0x0C55, 0x5731, false, port, serial, boardDir, id);
+  return id;
+}
+
+void UsbfsBed::pull(int id) {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  if (Node *n = d_->current_of_locked(id)) d_->pull_node_locked(*n);
+}
+
+void UsbfsBed::plug_back(int id, const std::string &port) {
+  std::string serial, board, last;
+  {
+    std::lock_guard<std::mutex> lock(d_->mu);
+    for (const Node &n : d_->nodes)
+      if (n.id == id) {
+        serial = n.serial;
+        board = n.board;
+        last = n.port;
+      }
+    if (last.empty() || d_->current_of_locked(id)) return;   // unknown, or still plugged in
+  }
+  d_->plug(0x0C55, 0x5731, false, port.empty() ? last : port, serial, board, id);
+}
+
+std::string UsbfsBed::node_of(int id) const {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  const Node *n = d_->current_of_locked(id);
+  return n ? n->devnode : std::string();
+}
+
+void UsbfsBed::flush_boards() {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  sim_detach();
+  d_->attachedBoard.clear();
+}
+
+size_t UsbfsBed::claims_of(int id) const {
+  std::lock_guard<std::mutex> lock(d_->mu);
+  size_t c = 0;
+  for (const Node &n : d_->nodes)
+    if (n.id == id) c += n.claims;
+  return c;
+}
 
 void UsbfsBed::set_claim(Claim c) {
   std::lock_guard<std::mutex> lock(d_->mu);

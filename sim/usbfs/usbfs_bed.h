@@ -27,13 +27,30 @@ class UsbfsBed {
   // Devices in the order they are plugged in (and numbered: 002, 003, ... on bus 001).
   void plug_unrelated();   // a vendor-class device of another vendor
   void plug_decoy();       // 0x0C55:0x5730, same vendor, other product
-  // An adapter 0x0C55:0x5731. The board answers for the one that comes first in bus order
-  // (the order libusb-0.1 walks); any other adapter takes commands and never answers.
+  // An adapter 0x0C55:0x5731 on the bed's board. The board answers for the one that comes
+  // first in bus order (the order libusb-0.1 walks); any other such adapter takes commands
+  // and never answers.
   void plug_adapter();
-  // Pulls the served adapter: its node leaves the bed and its open handles get ENODEV.
+  // Pulls the served adapter: its sysfs entry and its node leave the bed and its open
+  // handles get ENODEV.
   void unplug_adapter();
-  // Plugs the served adapter back, as a new device number.
+  // Plugs the served adapter back into the port it left, as a new device number.
   void replug_adapter();
+
+  // An adapter with a board of its own, kept in `boardDir`, at the port path `port`
+  // ("1-3.1": bus 1, port 3 of the hub on port 1... as the kernel names it), with the serial
+  // number `serial` ("" for none). It always answers. Returns its id for the calls below.
+  int plug_adapter_at(const std::string &port, const std::string &serial, const std::string &boardDir);
+  // Pulls adapter `id` as the kernel does: sysfs entry and node gone, open handles ENODEV.
+  void pull(int id);
+  // Plugs adapter `id` back (same serial and board) into `port`, or the port it left when
+  // empty, as a new device number.
+  void plug_back(int id, const std::string &port = {});
+  // Its node now ("" while pulled), and the interface claims made on any of its nodes.
+  std::string node_of(int id) const;
+  size_t claims_of(int id) const;
+  // Writes the state of the board the bed holds to its files (to read them from outside).
+  void flush_boards();
 
   void set_claim(Claim c);
   // Device node of the served adapter ("/dev/bus/usb/001/00N").

@@ -158,20 +158,6 @@ TEST_F(RealUsb, FindsTheAdapterBehindAnUnrelatedDeviceAndTheDecoy) {
   EXPECT_EQ(seen.res.out.find("not match"), std::string::npos) << "the chip check failed:\n" << seen.res.out;
 }
 
-TEST_F(RealUsb, WithTwoAdaptersTheFirstInBusOrderIsUsed) {
-  Script s;
-  s.args = {"reg", "get", "0x103ff0"};
-  const Seen sim = on_sim(s);
-  const Seen usbfs = on_usbfs(s, [](UsbfsBed &bed, ToolRun &) {
-    bed.plug_decoy();
-    bed.plug_adapter();
-    bed.plug_adapter();
-  });
-  expect_same(usbfs, sim, "two adapters");
-  ASSERT_FALSE(usbfs.served.empty());
-  EXPECT_EQ(usbfs.claimed, std::vector<std::string>{usbfs.served});
-}
-
 // ---- transfers per interface ------------------------------------------------------------
 
 TEST_F(RealUsb, RegisterReadAndWriteOnEachInterface) {
