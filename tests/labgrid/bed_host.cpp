@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,21 +30,30 @@ struct AdapterArg {
   std::string port, serial;
 };
 
+// The adapters by the port they are plugged into, and by the port they were pulled from.
+struct Ports {
+  std::map<std::string, int> in, out;
+};
+
 // Serves requests until the program closes its end of the request pipe.
-void serve(UsbfsBed &bed, int req, int rep) {
+void serve(UsbfsBed &bed, Ports &ports, int req, int rep) {
   FILE *in = fdopen(req, "r");
   char line[256];
   while (in && fgets(line, sizeof line, in)) {
     char verb[16] = {}, port[64] = {}, other[64] = {};
     const int n = sscanf(line, "%15s %63s %63s", verb, port, other);
     std::string answer = "ok\n";
-    if (n >= 2 && strcmp(verb, "pull") == 0) {
-      if (!bed.pull(port)) answer = std::string("error: no adapter plugged in at ") + port + "\n";
-    } else if (n >= 2 && strcmp(verb, "plug") == 0) {
-      if (!bed.plug_back(port, n == 3 ? other : port))
-        answer = std::string("error: no adapter pulled from ") + port + "\n";
+    if (n >= 2 && strcmp(verb, "pull") == 0 && ports.in.count(port)) {
+      bed.pull(ports.in[port]);
+      ports.out[port] = ports.in[port];
+      ports.in.erase(port);
+    } else if (n >= 2 && strcmp(verb, "plug") == 0 && ports.out.count(port)) {
+      const std::string to = n == 3 ? other : port;
+      bed.plug_back(ports.out[port], to);
+      ports.in[to] = ports.out[port];
+      ports.out.erase(port);
     } else {
-      answer = "error: unknown request\n";
+      answer = std::string("error: cannot ") + line;
     }
     if (write(rep, answer.data(), answer.size()) < 0) break;
   }
@@ -87,7 +97,8 @@ int main(int argc, char **argv) {
   const std::string dir = make_temp_dir("labgridbed");
   UsbfsBed bed(dir);
   bed.plug_decoy();
-  for (const AdapterArg &a : adapters) bed.plug_at(a.port, a.serial, dir + "/" + a.port);
+  Ports ports;
+  for (const AdapterArg &a : adapters) ports.in[a.port] = bed.plug_adapter_at(a.port, a.serial, dir + "/" + a.port);
 
   int reqPipe[2], repPipe[2];
   if (pipe(reqPipe) != 0 || pipe(repPipe) != 0) return 1;
@@ -104,7 +115,7 @@ int main(int argc, char **argv) {
   }
   close(reqPipe[1]);
   close(repPipe[0]);
-  std::thread server(serve, std::ref(bed), reqPipe[0], repPipe[1]);
+  std::thread server(serve, std::ref(bed), std::ref(ports), reqPipe[0], repPipe[1]);
   int st = 0;
   waitpid(pid, &st, 0);
   server.join();

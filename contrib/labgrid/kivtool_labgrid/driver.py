@@ -138,7 +138,9 @@ class KivtoolDriver(Driver):
         return out
 
     def reg_get(self, addr):
-        """Reads the 32-bit register at `addr`."""
+        """Reads the 32-bit register at `addr`, as `reg get` does: on the page the chip has
+        selected (the switch core, 0x4A, after reset; `run("reg chgpage axi")` changes it
+        for this and later runs)."""
         addr = _u32(addr)
         out = self.run(f"reg get 0x{addr:08X}")
         for a, value in _REGISTER.findall(out):
@@ -147,7 +149,7 @@ class KivtoolDriver(Driver):
         raise KivtoolError(f"kivtool: no value for 0x{addr:08X} in the output", line="reg get", output=out)
 
     def reg_set(self, addr, value):
-        """Writes the 32-bit `value` to the register at `addr`."""
+        """Writes the 32-bit `value` to the register at `addr` (on the selected page)."""
         self.run(f"reg set 0x{_u32(addr):08X} 0x{_u32(value):08X}")
 
     @Driver.check_active
