@@ -84,7 +84,8 @@ int main(int argc, char **argv) {
   if (!getenv("KIVBED_PRELOADED")) {
     setenv("KIVBED_PRELOADED", "1", 1);
     setenv("LD_PRELOAD", KIV_UMOCKDEV_LIBDIR "/libumockdev-preload.so.0", 1);
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    const char *asan = getenv("ASAN_OPTIONS");   // a sanitizer build accepts the preload ahead
+    setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":verify_asan_link_order=0").c_str(), 1);
     execv("/proc/self/exe", argv);
     perror("labgrid_bed_host: cannot start again under the preload library");
     return 1;

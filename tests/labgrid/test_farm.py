@@ -1,12 +1,62 @@
-"""kivtool driven through labgrid: two adapters on the usbfs bed, each with its own board."""
+"""kivtool driven through labgrid: two adapters on the usbfs bed, each with its own board.
+Runs under labgrid_bed_host (ctest -L labgrid), which pulls and plugs adapters on request."""
+import os
 import time
 
 import pytest
 
-from conftest import resource
-from kivtool_labgrid import KivtoolError, KivtoolMismatch, KivtoolUnavailable
+from kivtool_labgrid import KivtoolDriver, KivtoolError, KivtoolMismatch, KivtoolUnavailable
+from labgrid.resource.udev import USBFlashableDevice
 
 SCRATCH = 0x4A180048
+
+
+class Bed:
+    """Requests to the bed host: one line each way."""
+
+    def __init__(self, ctl):
+        self.req, self.rep = (int(fd) for fd in ctl.split(","))
+
+    def _ask(self, request):
+        os.write(self.req, (request + "\n").encode())
+        answer = b""
+        while not answer.endswith(b"\n"):
+            chunk = os.read(self.rep, 256)
+            assert chunk, "the bed host went away"
+            answer += chunk
+        assert answer == b"ok\n", f"{request}: {answer.decode().strip()}"
+
+    def pull(self, port):
+        self._ask(f"pull {port}")
+
+    def plug(self, port, to=None):
+        self._ask(f"plug {port} {to or port}")
+
+
+@pytest.fixture(scope="session")
+def bed():
+    if "KIVBED_CTL" not in os.environ:
+        pytest.fail("run under labgrid_bed_host (ctest -L labgrid)")
+    return Bed(os.environ["KIVBED_CTL"])
+
+
+@pytest.fixture(scope="session")
+def targets(env):
+    return env.get_target("by-path"), env.get_target("by-serial")
+
+
+@pytest.fixture
+def a(targets):
+    return targets[0].get_driver(KivtoolDriver)
+
+
+@pytest.fixture
+def b(targets):
+    return targets[1].get_driver(KivtoolDriver)
+
+
+def resource(target):
+    return target.get_resource(USBFlashableDevice, wait_avail=False)
 
 
 def wait_avail(res, avail, seconds=10.0):

@@ -29,7 +29,7 @@ def test_register_write_read(kiv):
 
 def test_flash_image(kiv, tmp_path):
     image = tmp_path / "firmware.bin"
-    image.write_bytes(bytes(range(256)) * 8)
+    image.write_bytes(bytes(range(256)) * 2)
     kiv.update(str(image))      # copies the image to the exporter, programs, compares
     assert kiv.verify(str(image))
 
