@@ -208,6 +208,25 @@ int usbio_target(UsbioAdapter *pick) {
   return found;
 }
 
+bool usbio_target_ready(void) {
+  std::array<UsbioAdapter, kUsbioMaxAdapters> list;
+  size_t n = 0;
+  UsbioAdapter pick;
+  const int found = usbio_target(&pick);
+  if (found == 1) {
+    list[0] = pick;
+    n = 1;
+  } else if (found < 0) {
+    n = usbio_adapters_scan(list.data(), list.size());
+  }
+  for (size_t i = 0; i < n; ++i) {
+    std::array<char, 64> node{};
+    usbio_adapter_node(list[i], node.data(), node.size());
+    if (access(node.data(), R_OK | W_OK) == 0) return true;
+  }
+  return false;
+}
+
 void usbio_identity_opened(unsigned busnum, unsigned devnum) {
   g_id.lastReport[0] = '\0';
   if (g_id.bound || !usbio_identity_active()) return;

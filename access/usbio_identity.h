@@ -41,6 +41,8 @@ bool usbio_identity_active(void);
 // selector or the kept identity (1: `*pick` is it), or -1 when nothing restricts the choice
 // (no selector, no adapter opened yet). With 0 or several, nothing is to be opened.
 int usbio_target(UsbioAdapter *pick);
+// True when the next open has an adapter to take and this user may open its node.
+bool usbio_target_ready(void);
 // Called after an open: keeps the identity of the adapter at bus/dev when it was the first
 // one, and says on standard error which one was taken when several were there.
 void usbio_identity_opened(unsigned busnum, unsigned devnum);

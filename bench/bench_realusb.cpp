@@ -2,11 +2,15 @@
 // same reads on the in-process board. Each way runs the tool twice, with 0 and with N
 // `reg get` lines, and takes the difference, so start-up drops out. CPU is counted for the
 // tool (its children's rusage) and for this process (the bed's ioctl handler thread).
+// Then the start-up of a one-shot run on a host with two adapters, with and without an
+// adapter selector, runs interleaved, medians.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "run_tool.h"
 #include "sim/usbfs/usbfs_bed.h"
@@ -53,6 +57,43 @@ Cost measure(bool usbfs, int reads) {
   return c;
 }
 
+// One-shot `reg get` runs on a bed with two adapters, each way in turn; median wall time
+// and tool CPU per way.
+void startup(int runs) {
+  const std::vector<std::vector<std::string>> ways = {
+      {}, {"-a", "path:1-3.1"}, {"-a", "serial:A1"}, {"-a", "dev:001/003"}};
+  const std::string dir = make_temp_dir("bench-startup");
+  UsbfsBed bed(dir + "/bed");
+  bed.plug_adapter_at("1-2", "B2", dir + "/B");
+  bed.plug_adapter_at("1-3.1", "A1", dir + "/A");
+  std::vector<std::vector<double>> wall(ways.size()), cpu(ways.size());
+  for (int i = 0; i < runs; ++i) {
+    for (size_t w = 0; w < ways.size(); ++w) {
+      ToolRun r;
+      r.args = ways[w];
+      for (const char *a : {"reg", "get", "0x4A180048"}) r.args.push_back(a);
+      r.cwd = dir;
+      r.sim = false;
+      r.env = bed.child_env(false);
+      const double child0 = cpu_ms(RUSAGE_CHILDREN);
+      const auto t0 = std::chrono::steady_clock::now();
+      const ToolResult res = run_tool(r);
+      wall[w].push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+      cpu[w].push_back(cpu_ms(RUSAGE_CHILDREN) - child0);
+      if (res.out.find("Success!!") == std::string::npos) fprintf(stderr, "run failed:\n%s\n", res.out.c_str());
+    }
+  }
+  auto median = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  };
+  printf("\none-shot start-up with two adapters on the host (reg get), median of %d runs each\n", runs);
+  printf("%-22s %12s %12s\n", "selector", "wall", "tool CPU");
+  for (size_t w = 0; w < ways.size(); ++w)
+    printf("%-22s %9.2f ms %9.2f ms\n", ways[w].empty() ? "(none)" : ways[w][1].c_str(), median(wall[w]),
+           median(cpu[w]));
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -70,5 +111,6 @@ int main(int argc, char **argv) {
            (full.toolCpuMs - base.toolCpuMs) * 1e3 / n, (full.bedCpuMs - base.bedCpuMs) * 1e3 / n,
            (full.wallMs - base.wallMs) * 1e3 / n);
   }
+  startup(argc > 2 ? atoi(argv[2]) : 31);
   return 0;
 }

@@ -61,6 +61,15 @@ struct Editor {
 };
 
 Editor ed;
+
+// A descriptor watched beside the keyboard while waiting for a key (kiv_readLineWatch).
+struct Watch {
+  int fd = -1;
+  int (*check)(void) = nullptr;
+  void (*report)(int) = nullptr;
+};
+Watch g_watch;
+
 volatile sig_atomic_t g_resizePending = 0;
 volatile sig_atomic_t g_rawActive = 0;   // raw mode, as the ending-signal handler sees it
 
@@ -292,6 +301,20 @@ void restoreTerminal() {
 
 void cleanupAtExit() { restoreTerminal(); }
 
+// The watched descriptor is readable: when its check has something to report, the report
+// gets lines of its own below the line being typed, then prompt and line are drawn again
+// with the cursor where it was.
+void serveWatch() {
+  const int code = g_watch.check();
+  if (code < 0) return;
+  const int fromEnd = ed.len - ed.cursor;
+  echoToEnd();
+  putchar('\n');
+  g_watch.report(code);
+  redraw(0, fromEnd);
+  fflush(stdout);
+}
+
 // One key byte (0..255), or -1 at end of input or on a read error.
 int readKey() {
   fflush(stdout);
@@ -303,7 +326,14 @@ int readKey() {
     fd_set in;
     FD_ZERO(&in);
     FD_SET(0, &in);
-    if (pselect(1, &in, nullptr, nullptr, nullptr, &ed.waitMask) < 0 && errno == EINTR) continue;
+    const bool watching = g_watch.fd >= 0 && g_watch.fd < FD_SETSIZE;
+    if (watching) FD_SET(g_watch.fd, &in);
+    const int ready = pselect(watching ? std::max(g_watch.fd, 0) + 1 : 1, &in, nullptr, nullptr, nullptr, &ed.waitMask);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready > 0 && watching && FD_ISSET(g_watch.fd, &in)) {
+      serveWatch();
+      if (!FD_ISSET(0, &in)) continue;
+    }
     unsigned char c = 0;
     const ssize_t r = read(0, &c, 1);
     if (r == 1) return c;
@@ -379,6 +409,10 @@ int finishRead(int key) {
 }
 
 }  // namespace
+
+void kiv_readLineWatch(int fd, int (*check)(void), void (*report)(int)) {
+  g_watch = fd >= 0 && check && report ? Watch{fd, check, report} : Watch{};
+}
 
 int kiv_readLine(char *line, signed char lastTerminator) {
   ed.line = line;

@@ -123,7 +123,7 @@ int parseOptions(int argc, char **argv, Options &opt) {
     return 0;
   }
   const char *sel = opt.adapter ? opt.adapter : getenv("KIVTOOL_ADAPTER");
-  if (!usbio_select(sel)) {
+  if ((opt.adapter && !*opt.adapter) || !usbio_select(sel)) {
     fprintf(stderr,
             "kivtool: malformed adapter selector '%s': use path:BUS-PORT[.PORT...], serial:TEXT or dev:BUS/DEV\n",
             sel);
@@ -425,7 +425,10 @@ int kivshell_main(int argc, char **argv) {
 
   if (oneShot) return runOneShot(argc, argv, opt.firstWord, opt.errexit);
 
-  if (isatty(0)) kiv_hintBoard(getenv("KIVTOOL_SIM"));
+  if (isatty(0)) {
+    kiv_hintBoard(getenv("KIVTOOL_SIM"));
+    kiv_hotplugStart();
+  }
   const int status = runInteractive(opt.errexit);
   usbio_close(usbio_handle, 0);
   close(devNull);

@@ -1,10 +1,19 @@
 // Two boards on one host under the usbfs bed, with the unmodified tool and the real
 // libusb-0.1: choosing an adapter, staying with it when it is pulled, taking it back.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 
+#include "capture_reader.h"
 #include "run_tool.h"
 #include "sim/usbfs/usbfs_bed.h"
 
@@ -133,7 +142,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     EXPECT_NE(res.err.find("1-2 serial S, 1-3.1 serial S"), std::string::npos) << res.err;
     EXPECT_EQ(bench.bed.claims_of(bench.a) + bench.bed.claims_of(bench.b), 0u) << sel;
   }
-  for (const char *sel : {"bogus", "path:1-", "path:1-3..1", "dev:1", "dev:0/5", "serial:", "usb:1-2"}) {
+  for (const char *sel : {"bogus", "path:1-", "path:1-3..1", "dev:1", "dev:0/5", "serial:", "usb:1-2", ""}) {
     ToolRun r;
     r.args = {"-a", sel, "reg", "get", kReg};
     const ToolResult res = run_tool(r);
@@ -184,6 +193,12 @@ TEST_F(Boards, WithoutSelectorTheFirstIsTakenAndNamed) {
 TEST_F(Boards, PulledAdapterNeverMovesTheSessionToAnother) {
   std::string image(3000, '\0');
   for (size_t i = 0; i < image.size(); ++i) image[i] = (char)(i * 13 + 1);
+  // One image file for both runs: `spi update` prints its times. Reading it must not change
+  // them, so its access time is set ahead of the others.
+  const std::string img = make_temp_dir("img") + "/img.bin";
+  write_file(img, image);
+  const timespec times[2] = {{time(nullptr) + 3600, 0}, {time(nullptr) - 120, 0}};
+  utimensat(AT_FDCWD, img.c_str(), times, 0);
   struct Case {
     const char *what;
     std::vector<std::string> opts;
@@ -193,13 +208,12 @@ TEST_F(Boards, PulledAdapterNeverMovesTheSessionToAnother) {
   const std::vector<Case> cases = {
       {"reg set", {"-a", "path:1-3.1"}, std::string("reg get 0x4A180048\n") + kWrite + "reg get 0x4A180048\n", {}},
       {"after chgpage", {"-a", "serial:A1"}, std::string("reg chgpage spic\n") + kWrite, {}},
-      {"spi update", {"-a", "1-3.1"}, "spi update img.bin\nspi verify img.bin\n", {{"KIVTOOL_SIM_FAULTS", "unplug@40"}}},
+      {"spi update", {"-a", "1-3.1"}, "spi update " + img + "\nspi verify " + img + "\n", {{"KIVTOOL_SIM_FAULTS", "unplug@300"}}},
   };
   for (const Case &c : cases) {
     ToolResult seen[2];
     for (bool withB : {false, true}) {
       Bench bench("A1", "B2", withB, c.faults);
-      write_file(bench.dir + "/img.bin", image);
       seen[withB] = bench.run(c.opts, c.input, {}, [&](size_t line) {
         if (line == 1 && c.faults.empty()) bench.bed.pull(bench.a);
       });
@@ -239,6 +253,105 @@ TEST_F(Boards, PluggedBackIsTakenAgainInItsPortOrBySerial) {
     bench.bed.flush_boards();
     EXPECT_EQ(board_reg(bench.dir + "/A"), c.back ? "0x0077" : "0x5A5A5A5A") << what;
   }
+}
+
+// The tool at a terminal: a pseudo-terminal whose screen output is collected.
+struct Terminal {
+  pid_t pid = -1;
+  int fd = -1;
+  std::string screen;
+
+  Terminal(const std::vector<std::string> &args, const EnvVars &env, const std::string &cwd) {
+    std::vector<std::string> envText;
+    for (char **e = environ; *e; ++e)
+      if (std::string_view(*e).rfind("KIVTOOL_", 0) != 0) envText.emplace_back(*e);
+    for (const auto &[k, v] : env) envText.push_back(k + "=" + v);
+    std::vector<char *> argv{const_cast<char *>(KIVTOOL_PATH)}, envp;
+    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    for (std::string &e : envText) envp.push_back(e.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    winsize ws{};
+    ws.ws_row = 24;
+    ws.ws_col = 100;
+    pid = forkpty(&fd, nullptr, nullptr, &ws);
+    if (pid == 0) {
+      if (chdir(cwd.c_str()) == 0) execve(KIVTOOL_PATH, argv.data(), envp.data());
+      _exit(127);
+    }
+  }
+  ~Terminal() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+    if (fd >= 0) close(fd);
+  }
+  // Collects output until `what` shows after offset `from` (true) or `ms` have passed.
+  bool wait_for(const std::string &what, size_t from, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (screen.find(what, from) == std::string::npos) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return false;
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, (int)left.count()) <= 0) continue;
+      char buf[4096];
+      const ssize_t n = read(fd, buf, sizeof buf);
+      if (n <= 0) return false;
+      screen.append(buf, (size_t)n);
+    }
+    return true;
+  }
+  // Reads until the program closes the terminal (it has ended).
+  void wait_to_end() { wait_for(std::string(1, '\0'), screen.size(), 5000); }
+  void type(const std::string &keys) { EXPECT_EQ(write(fd, keys.data(), keys.size()), (ssize_t)keys.size()); }
+};
+
+// At the prompt the adapter's leaving and coming back show at once, without a key, and the
+// line being typed is drawn again; the other board's adapter coming and going shows nothing.
+TEST_F(Boards, PromptShowsTheAdapterLeavingAndComingBack) {
+  constexpr char kGone[] = "kivshell: USBIO device Disconnected.", kBack[] = "kivshell: USBIO device Connected.";
+  Bench bench;
+  const std::string pcap = bench.dir + "/prompt.pcap";
+  EnvVars env = bench.bed.child_env(false);
+  env.emplace_back("KIVTOOL_PCAP", pcap);
+  {
+    Terminal t({"-a", "serial:A1"}, env, bench.dir);
+    ASSERT_TRUE(t.wait_for("<HX5200/> ", 0, 10000)) << t.screen;
+    t.type("reg get 0x4A18");
+    ASSERT_TRUE(t.wait_for("0x4A18", 0, 5000));
+    bench.bed.pull(bench.b);
+    bench.bed.plug_back(bench.b);
+    size_t mark = t.screen.size();
+    bench.bed.pull(bench.a);
+    ASSERT_TRUE(t.wait_for(kGone, mark, 5000)) << t.screen;
+    EXPECT_EQ(t.screen.find("kivshell: USBIO device"), t.screen.find(kGone)) << "another adapter gave a message";
+    EXPECT_TRUE(t.wait_for("<HX5200/> reg get 0x4A18", t.screen.find(kGone), 5000)) << t.screen;
+    mark = t.screen.size();
+    bench.bed.plug_back(bench.a, "1-5");   // by serial: any port
+    ASSERT_TRUE(t.wait_for(kBack, mark, 5000)) << t.screen;
+    EXPECT_TRUE(t.wait_for("<HX5200/> reg get 0x4A18", t.screen.find(kBack), 5000)) << t.screen;
+    t.type("0048\r");
+    EXPECT_TRUE(t.wait_for("Success!!", mark, 5000)) << t.screen;
+    EXPECT_EQ(t.screen.find("Not Found"), std::string::npos) << t.screen;
+    t.type("exit\r");
+    t.wait_to_end();
+  }
+  EXPECT_EQ(bench.bed.claims_of(bench.b), 0u);
+  std::vector<UsbRecord> recs;
+  ASSERT_TRUE(read_pcap(pcap, recs));
+  std::vector<uint8_t> configs;
+  for (const UsbRecord &rec : recs)
+    if (rec.data.size() == 24 && rec.data[0] == 0x01 && (rec.data[8] & 0x0F) == 1) configs.push_back(rec.data[8]);
+  EXPECT_EQ(configs, (std::vector<uint8_t>{0x11, 0x21, 0x41, 0x11, 0x21, 0x41})) << "start-up, then reconnect";
+
+  // Turned off: the next access finds out instead.
+  EnvVars off = bench.bed.child_env(false);
+  off.emplace_back("KIVTOOL_HOTPLUG", "0");
+  Terminal t({"-a", "serial:A1"}, off, bench.dir);
+  ASSERT_TRUE(t.wait_for("<HX5200/> ", 0, 10000)) << t.screen;
+  bench.bed.pull(bench.a);
+  EXPECT_FALSE(t.wait_for("USBIO device", 0, 700)) << t.screen;
 }
 
 }  // namespace

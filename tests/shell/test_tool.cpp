@@ -114,6 +114,7 @@ TEST(Tool, OptionsAndExitStatus) {
   EXPECT_EQ(res.status, 0);
   EXPECT_TRUE(res.out.starts_with("Usage: kivtool [options] [command words]\n")) << res.out;
   for (const char *word : {"--errexit", "KIVTOOL_SIM=", "KIVTOOL_SIM_FAULTS=", "KIVTOOL_PCAP=", "KIVTOOL_TRACE=",
+                           "--adapter SEL", "--list-adapters", "KIVTOOL_ADAPTER=", "KIVTOOL_HOTPLUG=0",
                            "Exit status", "README.md"})
     EXPECT_NE(res.out.find(word), std::string::npos) << word;
   r.args = {"-h"};
