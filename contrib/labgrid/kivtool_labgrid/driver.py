@@ -103,12 +103,13 @@ class KivtoolDriver(Driver):
         return "path:" + path
 
     def _command(self, words):
+        """The command and the working directory to run it in."""
         argv = [self.tool, "-e", "-a", self._selector(), "--"] + words
         prefix = self.adapter.command_prefix
-        if prefix:
-            # ssh hands the words to the exporter's shell as one command line.
-            argv = [shlex.quote(a) for a in argv]
-        return prefix + argv
+        if not prefix:
+            return argv, self.cwd
+        # ssh hands the words to the exporter's shell as one command line.
+        return prefix + [shlex.quote(a) for a in argv], None
 
     @Driver.check_active
     @step(args=["line"], result=True)
@@ -118,12 +119,11 @@ class KivtoolDriver(Driver):
         words = line.split()
         if not words:
             raise ValueError("an empty command line")
-        argv = self._command(words)
+        argv, cwd = self._command(words)
         self.logger.debug("running %s", " ".join(argv))
         try:
             res = subprocess.run(argv, stdin=subprocess.DEVNULL, capture_output=True,
-                                 timeout=self.timeout, cwd=self.cwd if not self.adapter.command_prefix else None,
-                                 check=False)
+                                 timeout=self.timeout, cwd=cwd, check=False)
         except subprocess.TimeoutExpired as e:
             raise KivtoolError(f"kivtool: '{line}' did not finish within {self.timeout:g} s",
                                line=line, output=_text(e.stdout), stderr_text=_text(e.stderr)) from e
