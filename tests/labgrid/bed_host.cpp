@@ -9,7 +9,6 @@
 //   pull PORT            the adapter at PORT leaves the bus (node removed, "remove" event)
 //   plug PORT [NEWPORT]  the adapter pulled from PORT comes back, at NEWPORT if given
 // The exit status is the program's.
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
