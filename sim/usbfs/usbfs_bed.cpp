@@ -155,12 +155,6 @@ struct UsbfsBedImpl {
     text += ids;
     if (!serial.empty()) text += "A: serial=" + serial + "\nE: ID_SERIAL_SHORT=" + serial + "\n";
     text += "H: descriptors=" + hex + "\n";
-    GError *err = nullptr;
-    if (!umockdev_testbed_add_from_string(tb, text.c_str(), &err)) {
-      fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
-      g_clear_error(&err);
-      return false;
-    }
     Node n;
     n.syspath = "/sys" + syspath;
     n.devnode = dev;
@@ -171,12 +165,24 @@ struct UsbfsBedImpl {
     n.devnum = num;
     n.adapter = pid == 0x5731;
     n.served = serve;
-    if (!umockdev_testbed_attach_ioctl(tb, n.devnode.c_str(), handler, &err)) {
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      nodes.push_back(n);
+    }
+    // The node is served before it shows: a program watching /dev/bus/usb or udev may open
+    // it the moment it appears.
+    GError *err = nullptr;
+    if (!umockdev_testbed_attach_ioctl(tb, dev, handler, &err)) {
       fprintf(stderr, "usbfs bed: cannot attach to %s: %s\n", dev, err ? err->message : "?");
       g_clear_error(&err);
     }
-    std::lock_guard<std::mutex> lock(mu);
-    nodes.push_back(n);
+    if (!umockdev_testbed_add_from_string(tb, text.c_str(), &err)) {
+      fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
+      g_clear_error(&err);
+      std::lock_guard<std::mutex> lock(mu);
+      nodes.back().gone = true;
+      return false;
+    }
     return true;
   }
 
