@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr const char *kSysfsDevices = "/sys/bus/usb/devices";
+constexpr char kSysfsDevices[] = "/sys/bus/usb/devices";
 
 enum class Kind : uint8_t { none, path, serial, dev };
 

@@ -31,6 +31,7 @@ struct Hotplug {
   int fd = -1;
   int rootWd = -1;
   std::array<BusWatch, 32> buses{};
+  bool arrivedToo = false;   // an adapter came in the same batch as the open one left
 };
 Hotplug g_hp;
 
@@ -91,12 +92,18 @@ int checkEvents() {
       }
     }
   }
+  g_hp.arrivedToo = openGone && arrived;
   if (openGone) return 0;
   if (arrived && !usbio_handle && usbio_target_ready()) return 128;
   return -1;
 }
 
-void reportEvent(int code) { usbio_event(code); }
+// A quick replug can leave and come back within one batch of events: both are reported.
+void reportEvent(int code) {
+  usbio_event(code);
+  if (code == 0 && g_hp.arrivedToo && usbio_target_ready()) usbio_event(128);
+  g_hp.arrivedToo = false;
+}
 
 }  // namespace
 

@@ -2,7 +2,10 @@
 // child process started under its preload library, and this bed serves the usbfs ioctls of
 // the adapter's device node from the board (the same board KIVTOOL_SIM gives in-process),
 // so the unmodified tool and the real libusb-0.1 run against it as against a plugged-in
-// adapter. Built apart from the tool (it needs umockdev); the tests and benchmarks use it.
+// adapter. Several adapters can be plugged at given port paths, each with its own serial and
+// its own board (the bed swaps the one simulated board it holds between their state
+// directories), and pulled and plugged back as the kernel does it. Built apart from the
+// tool (it needs umockdev); the tests and benchmarks use it.
 #pragma once
 
 #include <memory>

@@ -24,7 +24,8 @@ constexpr char kReg[] = "0x4A180048";
 constexpr char kWrite[] = "reg set 0x4A180048 0x5a5a5a5a\n";
 
 // A host with board A (port 1-3.1, serial A1) and board B (port 1-2, serial B2), B plugged
-// first. Each board keeps its own state directory.
+// first; or A alone, or only a decoy. Each board keeps its own state directory. One bed at
+// a time in a process (each makes its own /sys and /dev for the children).
 struct Bench {
   std::string dir = make_temp_dir("boards");
   EnvVars boardEnv;   // the boards read it when the bed attaches them
@@ -32,11 +33,12 @@ struct Bench {
   UsbfsBed bed{dir + "/bed"};
   int a = -1, b = -1;
 
-  explicit Bench(const std::string &serialA = "A1", const std::string &serialB = "B2", bool withB = true,
+  explicit Bench(int adapters = 2, const std::string &serialA = "A1", const std::string &serialB = "B2",
                  const EnvVars &faults = {})
       : boardEnv(with(faults)) {
-    if (withB) b = bed.plug_adapter_at("1-2", serialB, dir + "/B");
-    a = bed.plug_adapter_at("1-3.1", serialA, dir + "/A");
+    if (adapters == 0) bed.plug_decoy();
+    if (adapters == 2) b = bed.plug_adapter_at("1-2", serialB, dir + "/B");
+    if (adapters >= 1) a = bed.plug_adapter_at("1-3.1", serialA, dir + "/A");
   }
   static EnvVars with(EnvVars extra) {
     extra.emplace_back("KIVTOOL_SIM_FLASH_WIP_MS", "0");
@@ -66,20 +68,6 @@ std::string board_reg(const std::string &boardDir, const char *addr = kReg) {
   const std::string out = run_tool(r).out;
   const size_t eq = out.find("]=0x");
   return eq == std::string::npos ? out : out.substr(eq + 2, out.find('\n', eq) - eq - 2);
-}
-
-// What the tool prints for a script when no adapter is there at all.
-std::string output_without_adapter(const std::vector<std::string> &args, const std::string &input = {}) {
-  std::string dir = make_temp_dir("noadapter");
-  UsbfsBed bed(dir + "/bed");
-  bed.plug_decoy();
-  ToolRun r;
-  r.args = args;
-  r.input = input;
-  r.cwd = dir;
-  r.sim = false;
-  r.env = bed.child_env(false);
-  return run_tool(r).out;
 }
 
 size_t lines(const std::string &s) { return (size_t)std::count(s.begin(), s.end(), '\n'); }
@@ -129,9 +117,9 @@ TEST_F(Boards, SelectorReachesOnlyTheNamedBoard) {
 // Nothing is opened when no adapter or several match; a malformed selector stops at once.
 TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
   const std::vector<std::string> cmd = {"reg", "get", kReg};
-  const std::string absent = output_without_adapter(cmd);
+  const std::string absent = Bench(0).run(cmd).out;   // what it prints with no adapter at all
   for (const char *sel : {"path:9-9", "serial:nobody", "dev:001/099", "serial:S"}) {
-    Bench bench("S", "S");
+    Bench bench(2, "S", "S");
     std::vector<std::string> args = {"-a", sel};
     args.insert(args.end(), cmd.begin(), cmd.end());
     const ToolResult res = bench.run(args);
@@ -160,19 +148,8 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
 
 // With no selector the first adapter is taken as before; standard error names it.
 TEST_F(Boards, WithoutSelectorTheFirstIsTakenAndNamed) {
-  std::string dir = make_temp_dir("one");
-  ToolResult one;
-  {
-    UsbfsBed bed(dir + "/bed");
-    bed.plug_adapter_at("1-3.1", "A1", dir + "/A");
-    ToolRun r;
-    r.args = {"reg", "get", kReg};
-    r.cwd = dir;
-    r.sim = false;
-    r.env = bed.child_env(false);
-    one = run_tool(r);
-  }
-  Bench bench;   // a bed of its own (one bed at a time in a process)
+  const ToolResult one = Bench(1).run({"reg", "get", kReg});
+  Bench bench;
   const ToolResult res = bench.run({"reg", "get", kReg});
   EXPECT_EQ(res.out, one.out);
   EXPECT_EQ(one.err, "");
@@ -213,7 +190,7 @@ TEST_F(Boards, PulledAdapterNeverMovesTheSessionToAnother) {
   for (const Case &c : cases) {
     ToolResult seen[2];
     for (bool withB : {false, true}) {
-      Bench bench("A1", "B2", withB, c.faults);
+      Bench bench(withB ? 2 : 1, "A1", "B2", c.faults);
       seen[withB] = bench.run(c.opts, c.input, {}, [&](size_t line) {
         if (line == 1 && c.faults.empty()) bench.bed.pull(bench.a);
       });
@@ -334,6 +311,10 @@ TEST_F(Boards, PromptShowsTheAdapterLeavingAndComingBack) {
     t.type("0048\r");
     EXPECT_TRUE(t.wait_for("Success!!", mark, 5000)) << t.screen;
     EXPECT_EQ(t.screen.find("Not Found"), std::string::npos) << t.screen;
+    mark = t.screen.size();
+    bench.bed.pull(bench.a);   // a quick replug: both show
+    bench.bed.plug_back(bench.a);
+    EXPECT_TRUE(t.wait_for(kGone, mark, 5000) && t.wait_for(kBack, mark, 5000)) << t.screen.substr(mark);
     t.type("exit\r");
     t.wait_to_end();
   }
@@ -343,7 +324,8 @@ TEST_F(Boards, PromptShowsTheAdapterLeavingAndComingBack) {
   std::vector<uint8_t> configs;
   for (const UsbRecord &rec : recs)
     if (rec.data.size() == 24 && rec.data[0] == 0x01 && (rec.data[8] & 0x0F) == 1) configs.push_back(rec.data[8]);
-  EXPECT_EQ(configs, (std::vector<uint8_t>{0x11, 0x21, 0x41, 0x11, 0x21, 0x41})) << "start-up, then reconnect";
+  EXPECT_EQ(configs, (std::vector<uint8_t>{0x11, 0x21, 0x41, 0x11, 0x21, 0x41, 0x11, 0x21, 0x41}))
+      << "start-up, then each reconnect";
 
   // Turned off: the next access finds out instead.
   EnvVars off = bench.bed.child_env(false);
