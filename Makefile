@@ -6,7 +6,7 @@ SIM_DIR    ?= $(CURDIR)/.kivsim
 
 DEB_PACKAGES = g++ cmake make pkg-config libusb-dev libgtest-dev googletest \
                libbenchmark-dev tmux tshark clang libclang-rt-14-dev \
-               umockdev libumockdev-dev libumockdev0
+               umockdev libumockdev-dev libumockdev0 python3-labgrid
 
 .PHONY: all deps build run test sanitize bench fuzz clean
 

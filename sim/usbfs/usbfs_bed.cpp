@@ -87,6 +87,7 @@ struct UsbfsBedImpl {
   int nextDevnum = 2;
   int nextId = 0;
   std::atomic<size_t> served{0};
+  bool underPreload = false;  // this process runs under umockdev's preload library
   std::string bedBoard;       // the board of adapters without one of their own
   std::string attachedBoard;  // the board the simulation holds now (one at a time)
 
@@ -148,14 +149,12 @@ struct UsbfsBedImpl {
              "A: busnum=%d\nA: devnum=%d\nA: idVendor=%04x\nA: idProduct=%04x\n",
              bus, dev, num, bus, num, vid, pid);
     std::string text = "P: " + syspath + "\nN: " + std::string(dev + 5) + "=" + hex + "\n" + attrs;
-    if (!serial.empty()) text += "A: serial=" + serial + "\n";
+    // The keys udev's usb_id gives a USB device, which udev-matching programs look for.
+    char ids[64];
+    snprintf(ids, sizeof ids, "E: ID_VENDOR_ID=%04x\nE: ID_MODEL_ID=%04x\n", vid, pid);
+    text += ids;
+    if (!serial.empty()) text += "A: serial=" + serial + "\nE: ID_SERIAL_SHORT=" + serial + "\n";
     text += "H: descriptors=" + hex + "\n";
-    GError *err = nullptr;
-    if (!umockdev_testbed_add_from_string(tb, text.c_str(), &err)) {
-      fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
-      g_clear_error(&err);
-      return false;
-    }
     Node n;
     n.syspath = "/sys" + syspath;
     n.devnode = dev;
@@ -166,12 +165,24 @@ struct UsbfsBedImpl {
     n.devnum = num;
     n.adapter = pid == 0x5731;
     n.served = serve;
-    if (!umockdev_testbed_attach_ioctl(tb, n.devnode.c_str(), handler, &err)) {
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      nodes.push_back(n);
+    }
+    // The node is served before it shows: a program watching /dev/bus/usb or udev may open
+    // it the moment it appears.
+    GError *err = nullptr;
+    if (!umockdev_testbed_attach_ioctl(tb, dev, handler, &err)) {
       fprintf(stderr, "usbfs bed: cannot attach to %s: %s\n", dev, err ? err->message : "?");
       g_clear_error(&err);
     }
-    std::lock_guard<std::mutex> lock(mu);
-    nodes.push_back(n);
+    if (!umockdev_testbed_add_from_string(tb, text.c_str(), &err)) {
+      fprintf(stderr, "usbfs bed: cannot add a device: %s\n", err ? err->message : "?");
+      g_clear_error(&err);
+      std::lock_guard<std::mutex> lock(mu);
+      nodes.back().gone = true;
+      return false;
+    }
     return true;
   }
 
@@ -180,6 +191,9 @@ struct UsbfsBedImpl {
   void pull_node_locked(Node &n) {
     if (n.gone) return;
     n.gone = true;
+    // udev monitors of programs under the bed hear the device leave. umockdev can send the
+    // event only from a process under its preload library (it sends "add" by itself then).
+    if (underPreload) umockdev_testbed_uevent(tb, n.syspath.c_str(), "remove");
     umockdev_testbed_remove_device(tb, n.syspath.c_str());
     gchar *root = umockdev_testbed_get_root_dir(tb);
     unlink((std::string(root) + n.devnode).c_str());
@@ -381,6 +395,8 @@ void client_vanished(UMockdevIoctlBase *, UMockdevIoctlClient *c, gpointer self)
 UsbfsBed::UsbfsBed(const std::string &boardDir) : d_(std::make_unique<UsbfsBedImpl>()) {
   sim_attach(boardDir.c_str());
   d_->bedBoard = d_->attachedBoard = boardDir;
+  const char *preload = getenv("LD_PRELOAD");
+  d_->underPreload = preload && strstr(preload, "libumockdev-preload");
   d_->tb = umockdev_testbed_new();
   d_->handler = umockdev_ioctl_base_new();
   g_signal_connect(d_->handler, "handle-ioctl", G_CALLBACK(handle_ioctl), d_.get());

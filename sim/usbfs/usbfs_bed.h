@@ -45,6 +45,9 @@ class UsbfsBed {
   // number `serial` ("" for none). It always answers. Returns its id for the calls below.
   int plug_adapter_at(const std::string &port, const std::string &serial, const std::string &boardDir);
   // Pulls adapter `id` as the kernel does: sysfs entry and node gone, open handles ENODEV.
+  // Devices carry udev's keys (ID_VENDOR_ID, ID_MODEL_ID, ID_SERIAL_SHORT); a bed made in a
+  // process under umockdev's preload also sends their "add" and "remove" events to the udev
+  // monitors of the programs under it.
   void pull(int id);
   // Plugs adapter `id` back (same serial and board) into `port`, or the port it left when
   // empty, as a new device number.
