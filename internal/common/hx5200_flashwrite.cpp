@@ -189,6 +189,11 @@ int32_t program_diffs(Writer &w, uint32_t from, uint32_t to, bool erased) {
   auto flush = [&]() -> int32_t {
     if (!open) return 0;
     open = false;
+    // Runs are widened to whole 32-bit words inside [from, to): the bytes taken along are
+    // equal to the flash (or 0xFF over an erase), so programming them changes nothing, and
+    // the data register then carries whole words, as it does for the plain rewrite.
+    runFrom = std::max(from, runFrom & ~3u);
+    runTo = std::min(to, (runTo + 3) & ~3u);
     for (uint32_t p = runFrom / kPage; p <= (runTo - 1) / kPage; ++p) {
       if (p != lastPage) ++w.rep->pagesProgrammed;
       lastPage = p;
