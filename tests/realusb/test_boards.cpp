@@ -240,8 +240,14 @@ struct Terminal {
 
   Terminal(const std::vector<std::string> &args, const EnvVars &env, const std::string &cwd) {
     std::vector<std::string> envText;
+    // The given variables replace inherited ones of the same name (the first of two wins).
+    auto given = [&](std::string_view e) {
+      for (const auto &kv : env)
+        if (e.size() > kv.first.size() && e[kv.first.size()] == '=' && e.starts_with(kv.first)) return true;
+      return false;
+    };
     for (char **e = environ; *e; ++e)
-      if (std::string_view(*e).rfind("KIVTOOL_", 0) != 0) envText.emplace_back(*e);
+      if (std::string_view(*e).rfind("KIVTOOL_", 0) != 0 && !given(*e)) envText.emplace_back(*e);
     for (const auto &[k, v] : env) envText.push_back(k + "=" + v);
     std::vector<char *> argv{const_cast<char *>(KIVTOOL_PATH)}, envp;
     for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
