@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "access/access.h"
+#include "bench/bench_quiet.h"
 #include "access/usbio.h"
 #include "internal/common/hx5200_spiflash.h"
 #include "kiv/kiv_parser.h"
@@ -82,20 +83,6 @@ void BM_ProgramKiB(benchmark::State &state) {
 }
 BENCHMARK(BM_ProgramKiB)->Unit(benchmark::kMicrosecond);
 
-// Runs a command line through the engine with the console output thrown away.
-void run_line(kiv_uint32 uid, const std::string &text) {
-  std::vector<char> line(text.begin(), text.end());
-  line.push_back('\0');
-  std::fflush(stdout);
-  int keep = dup(1);
-  int devnull = open("/dev/null", O_WRONLY);
-  dup2(devnull, 1);
-  kiv_cmdProcess(uid, line.data(), kiv_outputBuffer, KIV_OUTBUF_SIZE);
-  std::fflush(stdout);
-  dup2(keep, 1);
-  close(keep);
-  close(devnull);
-}
 
 void BM_UpdateAndVerify1MiB(benchmark::State &state) {
   attach_board();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "access/access.h"
+#include "bench/bench_quiet.h"
 #include "access/usbio.h"
 #include "internal/common/hx5200_spiflash.h"
 #include "kiv/kiv_parser.h"
@@ -61,19 +62,6 @@ Bytes read_flash(const std::string &dir, size_t n) {
   return b;
 }
 
-// Runs a command line through the engine with the console output thrown away.
-void run_line(kiv_uint32 uid, const std::string &text) {
-  std::vector<char> line(text.begin(), text.end());
-  line.push_back('\0');
-  std::fflush(stdout);
-  const int keep = dup(1), devnull = open("/dev/null", O_WRONLY);
-  dup2(devnull, 1);
-  kiv_cmdProcess(uid, line.data(), kiv_outputBuffer, KIV_OUTBUF_SIZE);
-  std::fflush(stdout);
-  dup2(keep, 1);
-  close(keep);
-  close(devnull);
-}
 
 struct Case {
   const char *name;
