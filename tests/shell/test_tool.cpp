@@ -296,7 +296,7 @@ TEST(Tool, StopAndContinueAtThePrompt) {
     const size_t before = t.output().size();
     ASSERT_EQ(kill(pid, stop), 0);
     ASSERT_TRUE(poll_until([&] { return state() == 'T'; }));
-    EXPECT_TRUE(cooked()) << stop;   // as the shell gets it back
+    EXPECT_TRUE(poll_until(cooked)) << stop;   // as the shell gets it back
     write_file(t.dir + "/go", "");
     EXPECT_NE(t.waitFor("\r<HX5200/> reg get 0x4a0\x1b[J", before), std::string::npos) << stop;
     EXPECT_TRUE(poll_until([&] { return !cooked(); })) << stop;
