@@ -164,7 +164,6 @@ TEST_F(Dispatch, Listings) {
       {"lab power ?", "\non                        switch on\noff                       switch off\n\n"},
       // A partial word.
       {"sh?", "show                 show things\nshutdown             stop the box\n", kAnyRc, "sh"},
-      {"dumper du?", kDumpList},
       {"lab pow?", "power                power supply\n"},
       {"lab powe o?", "Unknown command\n"},   // the command word in full
   });

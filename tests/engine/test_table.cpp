@@ -266,7 +266,6 @@ TEST(Transcripts, LookupAndErrors) {
   EXPECT_EQ(oneShot({"qos", "Queue"}),
             "\n1th token best matched for 'priToQueueMapping'\nqos priToQueueMapping: not supported\nErrno : -1\n");
   EXPECT_EQ(oneShot({"qos", "it"}), "\n\n" + kIncomplete);   // two contain "it", none begins with it
-  EXPECT_EQ(oneShot({"sram", "read", "0", "1"}), "sram read: not supported\nErrno : -1\n");
   // A surplus word: after a complete empty command it is refused as the 0th token, after a
   // complete command the end is the only continuation and it is ignored.
   EXPECT_EQ(oneShot({"init", "foo"}), "\nError on 0th token 'foo'\n\n\n" + kCr + "\n" + kIncomplete);

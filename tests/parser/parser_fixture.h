@@ -32,7 +32,7 @@ class ParserTest : public ::testing::Test {
   }
 
   // Parses with the row's graph built for this parse, or (keep) compiled once and reused
-  // while the usage stays the same.
+  // while the usage stays the same; `parsed_` is the command the parser ended on.
   kiv_int32 parse(const char *usage, S words = {}, const kiv_paramType_t *types = nullptr, unsigned rows = 0,
                   bool keep = false) {
     kiv_cmd_t &row = keep ? kept_ : cmd_;
@@ -43,8 +43,8 @@ class ParserTest : public ::testing::Test {
     argv_.clear();
     for (auto &w : words_) argv_.push_back(w.data());
     argv_.push_back(nullptr);
-    const kiv_cmd_t *c = &row;
-    return ciscoCmdParser((kiv_int32)words_.size(), argv_.data(), &c, &saved_, &token_);
+    parsed_ = &row;
+    return ciscoCmdParser((kiv_int32)words_.size(), argv_.data(), &parsed_, &saved_, &token_);
   }
 
   static const kiv_parseNode_t &node(kiv_uint32 i) { return *ciscoCmdParserNode(i); }
@@ -78,6 +78,7 @@ class ParserTest : public ::testing::Test {
   }
 
   kiv_cmd_t cmd_{}, kept_{};
+  const kiv_cmd_t *parsed_ = nullptr;
   S words_;
   std::vector<char *> argv_;
   void *saved_ = nullptr;

@@ -106,13 +106,9 @@ TEST_F(Match, ValuesFunctionsAndRedirectingCheckers) {
   EXPECT_EQ(parse("(1~5)%pick z", {"1", "2", "3", "1"}, kOwn, 2), -4);   // capped at 3 while matching too
   EXPECT_EQ(cands(), S{"z"});
 
-  cmd_ = {"t", "", "k %jump %d", nullptr, (kiv_uint16)(1 | KIV_PARAMTABLE_FLAGS(2)), 0, 0, 0, kOwn};
-  char a0[] = "k", a1[] = "go", a2[] = "5";
-  char *argv[] = {a0, a1, a2, nullptr};
-  const kiv_cmd_t *c = &cmd_;
-  EXPECT_EQ(ciscoCmdParser(3, argv, &c, &saved_, &token_), 2);
-  EXPECT_EQ(c, &gOther);
-  EXPECT_EQ(token_, a2);
+  EXPECT_EQ(parse("k %jump %d", {"k", "go", "5"}, kOwn, 2), 2);
+  EXPECT_EQ(parsed_, &gOther);
+  EXPECT_EQ(token_, argv_[2]);
   EXPECT_EQ(ciscoCmdParserPathNodeIndex(saved_), 1u);   // the path starts at "k"
 }
 
