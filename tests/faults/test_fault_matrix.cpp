@@ -110,7 +110,7 @@ const std::string kSentinel = "reg get 0x100\n";
 // Each family's commands, then a register read that shows whether the adapter is still
 // there.
 TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
-  const std::vector<Family> families = {
+  std::vector<Family> fams = {
       {"reg", "reg set 0x100 0x5a5a\nreg get 0x100\nreg setbits 0x104 4 7 9\nreg getbits 0x104 4 7\n"},
       {"smi", "set regif smi\nsmi set 1 2 0x1234\nsmi get 1 2\nreg set 0x100 7\n"},
       {"reg over spi", "set regif spi\nreg set 0x100 0x5a5a\nreg get 0x100\nreg setbit 0x104 3 1\n"},
@@ -122,7 +122,6 @@ TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
       {"spi write", "spi write 0x100 0x11223344 4\nspi read 0x100 4\n"},
       {"spi erase", "spi erase sector 1 2\nspi erase block 1 1\n"},
   };
-  std::vector<Family> fams = families;
   for (Family &f : fams) f.input += kSentinel;
 
   // Fault-free runs: the expected output and the headers each family sends.

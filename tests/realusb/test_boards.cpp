@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 
@@ -65,8 +64,6 @@ std::string board_reg(const std::string &boardDir, const char *addr = kReg) {
   return eq == std::string::npos ? out : out.substr(eq + 2, out.find('\n', eq) - eq - 2);
 }
 
-size_t lines(const std::string &s) { return (size_t)std::count(s.begin(), s.end(), '\n'); }
-
 class Boards : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -119,7 +116,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     args.insert(args.end(), cmd.begin(), cmd.end());
     const ToolResult res = bench.run(args);
     EXPECT_EQ(res.out, absent) << sel;
-    EXPECT_EQ(lines(res.err), 1u) << sel << ": " << res.err;
+    EXPECT_EQ(count_of(res.err, "\n"), 1u) << sel << ": " << res.err;
     EXPECT_NE(res.err.find(std::string(sel) == "serial:S" ? "2 USB I/O adapters match" : "no USB I/O adapter matches"),
               std::string::npos) << res.err;
     EXPECT_NE(res.err.find("1-2 serial S, 1-3.1 serial S"), std::string::npos) << res.err;
@@ -131,7 +128,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     const ToolResult res = run_tool(r);
     EXPECT_EQ(res.status, 2) << sel;
     EXPECT_EQ(res.out, "") << sel;
-    EXPECT_EQ(lines(res.err), 1u) << sel << ": " << res.err;
+    EXPECT_EQ(count_of(res.err, "\n"), 1u) << sel << ": " << res.err;
   }
   ToolRun r;
   r.args = {"reg", "get", kReg};
@@ -148,7 +145,7 @@ TEST_F(Boards, WithoutSelectorTheFirstIsTakenAndNamed) {
   const ToolResult res = bench.run({"reg", "get", kReg});
   EXPECT_EQ(res.out, one.out);
   EXPECT_EQ(one.err, "");
-  ASSERT_EQ(lines(res.err), 1u) << res.err;
+  ASSERT_EQ(count_of(res.err, "\n"), 1u) << res.err;
   const int taken = bench.bed.claims_of(bench.a) ? bench.a : bench.b;
   EXPECT_EQ(bench.bed.claims_of(taken == bench.a ? bench.b : bench.a), 0u);
   EXPECT_NE(res.err.find("took " + bench.bed.node_of(taken) + " at port " + (taken == bench.a ? "1-3.1" : "1-2")),
