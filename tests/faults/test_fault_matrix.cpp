@@ -9,22 +9,18 @@
 // first command header, the last one and two in between. Headers 1 to 7 belong to
 // start-up (three configuration exchanges, four register accesses of the chip check).
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
-#include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "../flash/flash_bench.h"
 #include "capture_reader.h"
-#include "run_tool.h"
 
 namespace {
 
@@ -114,7 +110,7 @@ const std::string kSentinel = "reg get 0x100\n";
 // Each family's commands, then a register read that shows whether the adapter is still
 // there.
 TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
-  const std::vector<Family> families = {
+  std::vector<Family> fams = {
       {"reg", "reg set 0x100 0x5a5a\nreg get 0x100\nreg setbits 0x104 4 7 9\nreg getbits 0x104 4 7\n"},
       {"smi", "set regif smi\nsmi set 1 2 0x1234\nsmi get 1 2\nreg set 0x100 7\n"},
       {"reg over spi", "set regif spi\nreg set 0x100 0x5a5a\nreg get 0x100\nreg setbit 0x104 3 1\n"},
@@ -126,7 +122,6 @@ TEST(FaultMatrix, CommandFamiliesSurviveEveryFault) {
       {"spi write", "spi write 0x100 0x11223344 4\nspi read 0x100 4\n"},
       {"spi erase", "spi erase sector 1 2\nspi erase block 1 1\n"},
   };
-  std::vector<Family> fams = families;
   for (Family &f : fams) f.input += kSentinel;
 
   // Fault-free runs: the expected output and the headers each family sends.
@@ -267,33 +262,18 @@ std::vector<FlashOp> flash_ops(const std::string &pcap) {
 // the image while saying it matches, it must not touch the flash outside the image, and the
 // same update run again must bring the flash to the image.
 TEST(FaultMatrix, DamagedUpdateNeverPassesVerify) {
-  const std::string shared = make_temp_dir("kivfault-img");
-  const std::string image = shared + "/image.bin";
-  auto randomBytes = [](size_t n, uint32_t x) {
-    std::string bytes(n, '\0');
-    for (char &b : bytes) {
-      x = x * 1664525u + 1013904223u;
-      b = static_cast<char>(x >> 24);
-    }
-    return bytes;
-  };
-  const std::string bytes = randomBytes(0x2ED4, 0x12345678);
+  const std::string image = make_temp_dir("kivfault-img") + "/image.bin";
+  const std::string bytes = random_bytes(0x2ED4, 0x12345678);
   write_file(image, bytes);
   // The flash before: other data that carries the calibration pattern, and the image with
   // a byte in the sixth page of its first sector that needs an erase, an erased page in
   // its second (programmed without an erase), and a byte in its last sector that needs an
   // erase (which keeps the sector's bytes past the image).
-  std::string before = randomBytes(4u << 20, 0x9abcdef);
-  before.replace(0x40010, 16, std::string("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16));
+  std::string before = random_flash(0x9abcdef);
   before.replace(0, bytes.size(), bytes);
   for (size_t at : {0x523, 0x2E00}) before[at] = static_cast<char>(~bytes[at]);
   before.replace(0x1300, 0x100, std::string(0x100, '\xFF'));
-  auto seeded = [&] {
-    const std::string dir = make_temp_dir("kivfault");
-    mkdir((dir + "/sim").c_str(), 0755);
-    write_file(dir + "/sim/flash.bin", before);
-    return dir;
-  };
+  auto seeded = [&] { return Bench(before).cwd; };
   const std::string update = "spi update " + image + "\n";
   const std::string verify = "spi verify " + image + "\n";
   const std::string matched = "Matched: Compare Image Length 11988";

@@ -2,58 +2,18 @@
 // holding the image, everything outside it keeps its old bytes, only what differs is erased,
 // the transfers stay within their budget, and a run killed halfway is repaired by the next.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <algorithm>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "tool_output.h"
+#include "capture_reader.h"
+#include "flash_bench.h"
 
 namespace {
-
-const std::string kCalPattern("\x99\x99\x96\x96\x3F\xCC\x66\xFC\xC0\x33\xCC\x03\xE5\xDC\x31\x62", 16);
-
-std::string random_bytes(size_t n, unsigned seed) {
-  std::string s(n, '\0');
-  uint32_t x = seed * 2654435761u + 1;
-  for (auto &c : s) c = (char)((x = x * 1103515245u + 12345u) >> 16);
-  return s;
-}
-
-// A 4 MiB flash of random bytes that carries the calibration pattern, so the calibration
-// before an update leaves it alone.
-std::string random_flash(unsigned seed) {
-  std::string f = random_bytes(4u << 20, seed);
-  f.replace(0x40010, kCalPattern.size(), kCalPattern);
-  return f;
-}
-
-struct Board {
-  std::string cwd = make_temp_dir("kivflow");
-  explicit Board(const std::string &flash) {
-    mkdir((cwd + "/sim").c_str(), 0755);
-    write_file(cwd + "/sim/flash.bin", flash);
-  }
-  std::string flash() const { return read_file(cwd + "/sim/flash.bin"); }
-  void put(const std::string &name, const std::string &content) const { write_file(cwd + "/" + name, content); }
-  std::string run(const std::string &line, EnvVars env = {}, int timeoutMs = 60000, bool *killed = nullptr,
-                  std::string *err = nullptr) const {
-    ToolRun r;
-    r.input = line + "\n";
-    r.cwd = cwd;
-    r.env = std::move(env);
-    r.timeoutMs = timeoutMs;
-    const ToolResult res = run_tool(r);
-    if (err) *err = res.err;
-    if (killed) *killed = res.timedOut;
-    else EXPECT_EQ(res.status, 0) << line << "\n" << res.err;
-    return res.out;
-  }
-};
 
 // The erase lines of a run, without their source line numbers.
 std::string erases(const std::string &out) {
@@ -65,22 +25,16 @@ std::string erases(const std::string &out) {
 
 // Bulk transfers in a capture: one submit record each.
 uint64_t transfers_in(const std::string &pcap) {
-  const std::string f = read_file(pcap);
-  uint64_t n = 0;
-  for (size_t at = 24; at + 16 + 64 <= f.size();) {
-    uint32_t len = 0;
-    std::memcpy(&len, f.data() + at + 8, 4);
-    n += f[at + 16 + 8] == 'S';
-    at += 16 + len;
-  }
-  return n;
+  std::vector<UsbRecord> recs;
+  EXPECT_TRUE(read_pcap(pcap, recs)) << pcap;
+  return (uint64_t)std::count_if(recs.begin(), recs.end(), [](const UsbRecord &r) { return r.type == 'S'; });
 }
 
 // One board through a series of writes; after each the flash must hold the range's bytes
 // and the old ones everywhere else, having erased only what the table names.
 TEST(ImageFlow, WritesChangeTheRangeAndNothingElse) {
   std::string model = random_flash(1);
-  Board b(model);
+  Bench b(model);
   const std::string patch = random_bytes(200, 2), upd = random_bytes(70077, 3), cross = random_bytes(0x11800, 4);
   // Two changed bytes of an image the flash holds: a sector needs an erase only when a bit
   // must be set (programming clears bits).
@@ -116,7 +70,7 @@ TEST(ImageFlow, WritesChangeTheRangeAndNothingElse) {
   };
   for (const Step &s : steps) {
     std::string err;
-    const std::string out = b.run("spi " + s.line, {}, 60000, nullptr, &err);
+    const std::string out = b.run("spi " + s.line + "\n", {}, &err);
     model.replace(s.at, s.content.size(), s.content);
     EXPECT_EQ(erases(out), s.erased) << s.line << "\n" << out;
     if (s.line.rfind("erase", 0) != 0) {
@@ -138,7 +92,7 @@ TEST(ImageFlow, WritesChangeTheRangeAndNothingElse) {
 TEST(ImageFlow, TransfersStayWithinTheirBudget) {
   constexpr size_t kLen = 0x20000;
   std::string old = random_flash(5);
-  Board b(old);
+  Bench b(old);
   const std::string a = old.substr(0, kLen);
   const std::string other = random_bytes(kLen, 6);
   std::string half = other, sector = a, worst = other;
@@ -158,7 +112,7 @@ TEST(ImageFlow, TransfersStayWithinTheirBudget) {
     const std::string pcap = b.cwd + "/u.pcap";
     EnvVars env = {{"KIVTOOL_PCAP", pcap}};
     if (full) env.emplace_back("KIVTOOL_FLASH_FULL", "1");
-    const std::string out = b.run("spi update img.bin", env);
+    const std::string out = b.run("spi update img.bin\n", env);
     EXPECT_NE(out.find("Matched: Compare Image Length 131072\n"), std::string::npos) << out;
     EXPECT_TRUE(b.flash().substr(0, kLen) == image);
     const uint64_t n = transfers_in(pcap);
@@ -179,21 +133,21 @@ TEST(ImageFlow, TransfersStayWithinTheirBudget) {
 TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
   const std::string old = random_flash(8);
   const std::string image = random_bytes(0x80000, 9);
+  Bench timed(old);
+  timed.put("img.bin", image);
   const auto t0 = std::chrono::steady_clock::now();
-  Board(old).run("spi update " + [&] {
-    const std::string dir = make_temp_dir("kivflow");
-    write_file(dir + "/img.bin", image);
-    return dir + "/img.bin";
-  }());
+  timed.run("spi update img.bin\n");
   const int whole = (int)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
   int kills = 0;
   for (int part = 1; part <= 4; ++part) {
-    Board b(old);
+    Bench b(old);
     b.put("img.bin", image);
-    bool killed = false;
-    b.run("spi update img.bin", {}, whole * part / 5, &killed);
-    kills += killed;
-    const std::string out = b.run("spi update img.bin");
+    ToolRun cut;   // stopped after a fifth, two fifths, ... of the time a whole run takes
+    cut.input = "spi update img.bin\n";
+    cut.cwd = b.cwd;
+    cut.timeoutMs = whole * part / 5;
+    kills += run_tool(cut).timedOut;
+    const std::string out = b.run("spi update img.bin\n");
     EXPECT_NE(out.find("Matched: Compare Image Length 524288\n"), std::string::npos) << part << "\n" << out;
     const std::string flash = b.flash();
     EXPECT_TRUE(flash.substr(0, image.size()) == image) << part;

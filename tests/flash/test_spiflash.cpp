@@ -101,9 +101,6 @@ void flash_program(uint32_t addr, const Bytes &b) {
 }
 
 TEST(SpiFlashLayer, RegisterAccessesOfEachOperation) {
-  static_assert(spi_flash_addr_word(0x03, 0x123456) == 0x56341203);
-  static_assert(spi_flash_addr_word(0x02, 0xAB0000FF) == 0xFF000002);   // 24 bits only
-
   FlashBoard board({{"SPIC_BUSY", "0"}, {"FLASH_WIP", "0"}});
   const std::string run = "W:ENABLE=1 R:STATUS W:ENABLE=0 ";
   const std::string rdsr = "W:ENABLE=0 W:CTRL=300 W:CS=1 W:RXCNT=1 W:DELAY=f W:FORMAT=3 W:DATA=5 " + run + "R:DATA ";

@@ -2,19 +2,13 @@
 // libusb-0.1: choosing an adapter, staying with it when it is pulled, taking it back.
 #include <gtest/gtest.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 
+#include "../shell/terminal.h"
 #include "capture_reader.h"
-#include "run_tool.h"
 #include "sim/usbfs/usbfs_bed.h"
 
 #ifndef KIV_UMOCKDEV_MISSING
@@ -70,8 +64,6 @@ std::string board_reg(const std::string &boardDir, const char *addr = kReg) {
   return eq == std::string::npos ? out : out.substr(eq + 2, out.find('\n', eq) - eq - 2);
 }
 
-size_t lines(const std::string &s) { return (size_t)std::count(s.begin(), s.end(), '\n'); }
-
 class Boards : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -124,7 +116,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     args.insert(args.end(), cmd.begin(), cmd.end());
     const ToolResult res = bench.run(args);
     EXPECT_EQ(res.out, absent) << sel;
-    EXPECT_EQ(lines(res.err), 1u) << sel << ": " << res.err;
+    EXPECT_EQ(count_of(res.err, "\n"), 1u) << sel << ": " << res.err;
     EXPECT_NE(res.err.find(std::string(sel) == "serial:S" ? "2 USB I/O adapters match" : "no USB I/O adapter matches"),
               std::string::npos) << res.err;
     EXPECT_NE(res.err.find("1-2 serial S, 1-3.1 serial S"), std::string::npos) << res.err;
@@ -136,7 +128,7 @@ TEST_F(Boards, NoMatchSharedSerialAndMalformedSelectors) {
     const ToolResult res = run_tool(r);
     EXPECT_EQ(res.status, 2) << sel;
     EXPECT_EQ(res.out, "") << sel;
-    EXPECT_EQ(lines(res.err), 1u) << sel << ": " << res.err;
+    EXPECT_EQ(count_of(res.err, "\n"), 1u) << sel << ": " << res.err;
   }
   ToolRun r;
   r.args = {"reg", "get", kReg};
@@ -153,7 +145,7 @@ TEST_F(Boards, WithoutSelectorTheFirstIsTakenAndNamed) {
   const ToolResult res = bench.run({"reg", "get", kReg});
   EXPECT_EQ(res.out, one.out);
   EXPECT_EQ(one.err, "");
-  ASSERT_EQ(lines(res.err), 1u) << res.err;
+  ASSERT_EQ(count_of(res.err, "\n"), 1u) << res.err;
   const int taken = bench.bed.claims_of(bench.a) ? bench.a : bench.b;
   EXPECT_EQ(bench.bed.claims_of(taken == bench.a ? bench.b : bench.a), 0u);
   EXPECT_NE(res.err.find("took " + bench.bed.node_of(taken) + " at port " + (taken == bench.a ? "1-3.1" : "1-2")),
@@ -232,97 +224,49 @@ TEST_F(Boards, PluggedBackIsTakenAgainInItsPortOrBySerial) {
   }
 }
 
-// The tool at a terminal: a pseudo-terminal whose screen output is collected.
-struct Terminal {
-  pid_t pid = -1;
-  int fd = -1;
-  std::string screen;
-
-  Terminal(const std::vector<std::string> &args, const EnvVars &env, const std::string &cwd) {
-    std::vector<std::string> envText;
-    // The given variables replace inherited ones of the same name (the first of two wins).
-    auto given = [&](std::string_view e) {
-      for (const auto &kv : env)
-        if (e.size() > kv.first.size() && e[kv.first.size()] == '=' && e.starts_with(kv.first)) return true;
-      return false;
-    };
-    for (char **e = environ; *e; ++e)
-      if (std::string_view(*e).rfind("KIVTOOL_", 0) != 0 && !given(*e)) envText.emplace_back(*e);
-    for (const auto &[k, v] : env) envText.push_back(k + "=" + v);
-    std::vector<char *> argv{const_cast<char *>(KIVTOOL_PATH)}, envp;
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    for (std::string &e : envText) envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    winsize ws{};
-    ws.ws_row = 24;
-    ws.ws_col = 100;
-    pid = forkpty(&fd, nullptr, nullptr, &ws);
-    if (pid == 0) {
-      if (chdir(cwd.c_str()) == 0) execve(KIVTOOL_PATH, argv.data(), envp.data());
-      _exit(127);
-    }
-  }
-  ~Terminal() {
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    if (fd >= 0) close(fd);
-  }
-  // Collects output until `what` shows after offset `from` (true) or `ms` have passed.
-  bool wait_for(const std::string &what, size_t from, int ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (screen.find(what, from) == std::string::npos) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return false;
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, (int)left.count()) <= 0) continue;
-      char buf[4096];
-      const ssize_t n = read(fd, buf, sizeof buf);
-      if (n <= 0) return false;
-      screen.append(buf, (size_t)n);
-    }
-    return true;
-  }
-  // Reads until the program closes the terminal (it has ended).
-  void wait_to_end() { wait_for(std::string(1, '\0'), screen.size(), 5000); }
-  void type(const std::string &keys) { EXPECT_EQ(write(fd, keys.data(), keys.size()), (ssize_t)keys.size()); }
-};
+// The tool at a terminal (a tmux pane) in the bench's directory, with the bed's environment
+// and `env`.
+std::string at_terminal(Bench &bench, const EnvVars &env) {
+  std::string cmd = "(cd " + ::quoted(bench.dir) + " && env";
+  for (const auto &[k, v] : bench.bed.child_env(false)) cmd += " " + ::quoted(k + "=" + v);
+  for (const auto &[k, v] : env) cmd += " " + ::quoted(k + "=" + v);
+  return cmd + " " + ::quoted(KIVTOOL_PATH) + " -a serial:A1)";
+}
 
 // At the prompt the adapter's leaving and coming back show at once, without a key, and the
 // line being typed is drawn again; the other board's adapter coming and going shows nothing.
 TEST_F(Boards, PromptShowsTheAdapterLeavingAndComingBack) {
   constexpr char kGone[] = "kivshell: USBIO device Disconnected.", kBack[] = "kivshell: USBIO device Connected.";
+  constexpr size_t npos = std::string::npos;
   Bench bench;
   const std::string pcap = bench.dir + "/prompt.pcap";
-  EnvVars env = bench.bed.child_env(false);
-  env.emplace_back("KIVTOOL_PCAP", pcap);
   {
-    Terminal t({"-a", "serial:A1"}, env, bench.dir);
-    ASSERT_TRUE(t.wait_for("<HX5200/> ", 0, 10000)) << t.screen;
-    t.type("reg get 0x4A18");
-    ASSERT_TRUE(t.wait_for("0x4A18", 0, 5000));
+    Term t(at_terminal(bench, {{"KIVTOOL_PCAP", pcap}}));
+    ASSERT_NE(t.waitFor("<HX5200/> "), npos) << t.output();
+    t.keys("reg get 0x4A18");
+    ASSERT_NE(t.waitFor("0x4A18"), npos);
     bench.bed.pull(bench.b);
     bench.bed.plug_back(bench.b);
-    size_t mark = t.screen.size();
+    size_t mark = t.output().size();
     bench.bed.pull(bench.a);
-    ASSERT_TRUE(t.wait_for(kGone, mark, 5000)) << t.screen;
-    EXPECT_EQ(t.screen.find("kivshell: USBIO device"), t.screen.find(kGone)) << "another adapter gave a message";
-    EXPECT_TRUE(t.wait_for("<HX5200/> reg get 0x4A18", t.screen.find(kGone), 5000)) << t.screen;
-    mark = t.screen.size();
+    const size_t gone = t.waitFor(kGone, mark);
+    ASSERT_NE(gone, npos) << t.output();
+    EXPECT_EQ(t.output().find("kivshell: USBIO device"), gone) << "another adapter gave a message";
+    EXPECT_NE(t.waitFor("<HX5200/> reg get 0x4A18", gone), npos) << t.output();
+    mark = t.output().size();
     bench.bed.plug_back(bench.a, "1-5");   // by serial: any port
-    ASSERT_TRUE(t.wait_for(kBack, mark, 5000)) << t.screen;
-    EXPECT_TRUE(t.wait_for("<HX5200/> reg get 0x4A18", t.screen.find(kBack), 5000)) << t.screen;
-    t.type("0048\r");
-    EXPECT_TRUE(t.wait_for("Success!!", mark, 5000)) << t.screen;
-    EXPECT_EQ(t.screen.find("Not Found"), std::string::npos) << t.screen;
-    mark = t.screen.size();
+    const size_t back = t.waitFor(kBack, mark);
+    ASSERT_NE(back, npos) << t.output();
+    EXPECT_NE(t.waitFor("<HX5200/> reg get 0x4A18", back), npos) << t.output();
+    t.keys("0048\r");
+    EXPECT_NE(t.waitFor("Success!!", mark), npos) << t.output();
+    EXPECT_EQ(t.output().find("Not Found"), npos) << t.output();
+    mark = t.output().size();
     bench.bed.pull(bench.a);   // a quick replug: both show
     bench.bed.plug_back(bench.a);
-    EXPECT_TRUE(t.wait_for(kGone, mark, 5000) && t.wait_for(kBack, mark, 5000)) << t.screen.substr(mark);
-    t.type("exit\r");
-    t.wait_to_end();
+    EXPECT_TRUE(t.waitFor(kGone, mark) != npos && t.waitFor(kBack, mark) != npos) << t.output().substr(mark);
+    t.keys("exit\r");
+    EXPECT_EQ(t.wait(), 0);
   }
   EXPECT_EQ(bench.bed.claims_of(bench.b), 0u);
   std::vector<UsbRecord> recs;
@@ -334,12 +278,13 @@ TEST_F(Boards, PromptShowsTheAdapterLeavingAndComingBack) {
       << "start-up, then each reconnect";
 
   // Turned off: the next access finds out instead.
-  EnvVars off = bench.bed.child_env(false);
-  off.emplace_back("KIVTOOL_HOTPLUG", "0");
-  Terminal t({"-a", "serial:A1"}, off, bench.dir);
-  ASSERT_TRUE(t.wait_for("<HX5200/> ", 0, 10000)) << t.screen;
+  Term t(at_terminal(bench, {{"KIVTOOL_HOTPLUG", "0"}}));
+  ASSERT_NE(t.waitFor("<HX5200/> "), npos) << t.output();
   bench.bed.pull(bench.a);
-  EXPECT_FALSE(t.wait_for("USBIO device", 0, 700)) << t.screen;
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  EXPECT_EQ(t.output().find("USBIO device"), npos) << t.output();
+  t.keys("exit\r");
+  EXPECT_EQ(t.wait(), 0);
 }
 
 }  // namespace

@@ -41,7 +41,6 @@ struct Seen {
   std::vector<std::vector<uint8_t>> payloads;   // every captured transfer that carried data
   std::vector<uint8_t> codes;                   // the command code of each header among them
   std::string flash;                            // the board's flash image afterwards
-  std::string served;                           // usbfs: the adapter node the board answered for
   std::vector<std::string> claimed;             // usbfs: nodes whose interface 0 was claimed
 };
 
@@ -115,7 +114,6 @@ Seen on_usbfs(Script &s, const std::function<void(UsbfsBed &, ToolRun &)> &setup
   for (auto &kv : bed.child_env(r.uid >= 0)) r.env.push_back(kv);
   Seen seen = run_script(s, "usbfs", r);
   EXPECT_GT(bed.ioctls_served(), 0u) << "the tool never reached the usbfs bed";
-  seen.served = bed.adapter_node();
   seen.claimed = bed.claimed_nodes();
   return seen;
 }
