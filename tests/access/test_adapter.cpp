@@ -143,17 +143,10 @@ TEST(Adapter, EveryCommandOnTheWire) {
   EXPECT_EQ(all[resp].length, 4u + 27u + 4u);
   EXPECT_EQ(all[resp + 1].data[8], 0x14);
 
-  // Wireshark's dissector reads the same bytes back (submit, complete, status, completion).
-  const std::string text = s.pcap + ".txt";
-  if (system(("command -v tshark >/dev/null && tshark -r " + s.pcap +
-              " -T fields -e usb.capdata 2>/dev/null | tr -d ':' >" + text).c_str()) != 0)
-    return;
-  const std::string out = read_file(text);
-  EXPECT_EQ(out.find(hex_of(want[0]) + "\n\n\naa\n\nca\n"), 0u) << out;
-  EXPECT_NE(out.find(hex_of(want[3]) + "\n\n\naa\n" + hex_of(want[4]) + "\n\n\nba\n"), std::string::npos) << out;
-
-  // The project's dissector names the fields of headers, data packets and responses, and
-  // the status bytes; each row: display filter, fields, the frames' values.
+  // Wireshark reads the capture back, and the project's dissector names the fields of
+  // headers, data packets and responses, and the status bytes, in the order sent; each row:
+  // display filter, fields, the frames' values.
+  if (system("command -v tshark >/dev/null") != 0) return;
   const struct {
     const char *filter;
     std::initializer_list<const char *> fields;

@@ -106,7 +106,7 @@ TEST_F(SoftI2c, WriteFrame) {
   }
 }
 
-TEST_F(SoftI2c, ReadFrameAndValue) {
+TEST_F(SoftI2c, ReadFrameValueAcknowledgeWindowAndCode24) {
   i2c_fresh(5);
   push_bits(g_i2c.replies, 0x78563412, 32);  // low byte first
   uint32_t v = 0;
@@ -115,9 +115,7 @@ TEST_F(SoftI2c, ReadFrameAndValue) {
   const std::string byteIn(8, 'r');
   EXPECT_EQ(g_i2c.log, "S" + acked(0xA8) + acked(0x0C) + acked(0x0B) + acked(0x0A) + "S" + acked(0xA9) + byteIn +
                            "0" + byteIn + "0" + byteIn + "0" + byteIn + "1" + "P");
-}
 
-TEST_F(SoftI2c, AcknowledgeWindowAndCode24) {
   // Acknowledge on the ninth sample is still in time.
   i2c_fresh(8, 8);
   EXPECT_EQ(reg_write(1, 0, 0), 0);
@@ -131,7 +129,7 @@ TEST_F(SoftI2c, AcknowledgeWindowAndCode24) {
   // A missing acknowledge on an address byte of a read ends it there too.
   i2c_fresh(2);
   g_i2c.replies.resize(12, 1);
-  uint32_t v = 99;
+  v = 99;
   EXPECT_EQ(reg_read(1, 0x30201, &v), 24);
   EXPECT_EQ(v, 99u);
   EXPECT_EQ(g_i2c.log, "S" + acked(0xA8) + acked(0x01) + acked(0x02) + "P");

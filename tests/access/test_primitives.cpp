@@ -102,17 +102,24 @@ TEST_F(Primitives, Fields) {
   EXPECT_EQ(g_accesses, 3);
 }
 
-TEST_F(Primitives, SelectorAndRegistration) {
+TEST_F(Primitives, SelectorRegistrationPageRegisterAndParallelPort) {
   uint32_t v = 0;
   access_if_set(7);
   EXPECT_EQ(access_if, 0);
   access_if_set(4);
   EXPECT_EQ(reg_read(1, 0, &v), -1);
   EXPECT_EQ(reg_write(1, 0, 0), -1);
-  access_if_set(3);
+  access_if_set(3);  // reserved interface: the page lives in memory, nothing else answers
   EXPECT_EQ(reg_read(1, 0, &v), -24);
   EXPECT_EQ(reg_read(1, 0, nullptr), -8);
   EXPECT_EQ(reg_write(1, 0, 0), -24);
+  EXPECT_EQ(page_reg_read(PAGE_REG_ADDR, &v), 0);
+  EXPECT_EQ(v, PAGE_SWCORE);
+  EXPECT_EQ(page_reg_write(PAGE_REG_ADDR, PAGE_SPIC), 0);
+  EXPECT_EQ(page_reg_read(PAGE_REG_ADDR, &v), 0);
+  EXPECT_EQ(v, PAGE_SPIC);
+  EXPECT_EQ(page_reg_read(0x100, &v), -24);
+  EXPECT_EQ(page_reg_write(PAGE_REG_ADDR, PAGE_SWCORE), 0);
   access_if_set(0);
   g_fail = 24;
   EXPECT_EQ(reg_write(1, 0x20, 1), 24);  // transport codes pass through unchanged
@@ -125,6 +132,11 @@ TEST_F(Primitives, SelectorAndRegistration) {
   EXPECT_EQ(access_if, 0);
   EXPECT_EQ(spi_hooks_register(t_write, t_read), 0);
   EXPECT_EQ(access_if, 2);
+
+  // The parallel-port link stays inert with no port operation bound.
+  EXPECT_EQ(lpt_reg_mask_get(0x10, 0, &v), -1000);
+  EXPECT_EQ(lpt_reg_mask_set(0x10, 0xFF00, 0x100), -1000);
+  EXPECT_EQ(lpt_reg_mask_get(0x10, 0xF0, &v), -1001);
 }
 
 TEST_F(Primitives, SmiIndirectAccess) {
@@ -191,23 +203,6 @@ TEST_F(Primitives, TracedFamily) {
   EXPECT_EQ(v, 0x0Au);
   EXPECT_EQ(asic_reg_bit_get(0x40, 15, &v), 0);
   EXPECT_EQ(v, 1u);
-}
-
-TEST_F(Primitives, PageRegisterAndParallelPort) {
-  uint32_t v = 0;
-  access_if_set(3);  // reserved interface: the page lives in memory, nothing else answers
-  EXPECT_EQ(page_reg_read(PAGE_REG_ADDR, &v), 0);
-  EXPECT_EQ(v, PAGE_SWCORE);
-  EXPECT_EQ(page_reg_write(PAGE_REG_ADDR, PAGE_SPIC), 0);
-  EXPECT_EQ(page_reg_read(PAGE_REG_ADDR, &v), 0);
-  EXPECT_EQ(v, PAGE_SPIC);
-  EXPECT_EQ(page_reg_read(0x100, &v), -24);
-  EXPECT_EQ(page_reg_write(PAGE_REG_ADDR, PAGE_SWCORE), 0);
-
-  // The parallel-port link stays inert with no port operation bound.
-  EXPECT_EQ(lpt_reg_mask_get(0x10, 0, &v), -1000);
-  EXPECT_EQ(lpt_reg_mask_set(0x10, 0xFF00, 0x100), -1000);
-  EXPECT_EQ(lpt_reg_mask_get(0x10, 0xF0, &v), -1001);
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ struct Got {
   }
 };
 
-TEST_F(VlanApi, SetAndGetCheckTheirArgumentsInOrder) {
+TEST_F(VlanApi, ArgumentChecksInOrderInitAndThePortChecks) {
   EXPECT_EQ(hxk_vlan_set(4096, 3, 1, 0, 15, 2, 2, 0, 0), HXK_ERR_VLAN_VID);
   EXPECT_EQ(hxk_vlan_set(10, 3, 1, 0, 15, 2, 2, 0, 0), HXK_ERR_VLAN_FID);
   EXPECT_EQ(hxk_vlan_set(10, 3, 1, 0, 0x10E, 0, 0, 0, 0), HXK_ERR_VLAN_FID);   // no byte wrap
@@ -91,9 +91,8 @@ TEST_F(VlanApi, SetAndGetCheckTheirArgumentsInOrder) {
   EXPECT_EQ(g.mbr, 7u);
   EXPECT_EQ(g.fid, 3);
   EXPECT_EQ(g.ulfid, 2);
-}
 
-TEST_F(VlanApi, InitSetsUpEveryPortThenPortChecksAndTheInnerPvidSetGetAsymmetry) {
+  // Init sets up every port, then the port checks and the inner PVID set/get asymmetry.
   ASSERT_EQ(hxk_vlan_init(), HXK_OK);
   EXPECT_EQ(peek(VLAN_IGR_FILTER_EN), 0xFFFFu);
   for (uint32_t p = 0; p <= 15; ++p) {

@@ -49,7 +49,7 @@ struct Board {
 
 }  // namespace
 
-TEST(Chip, PagesWindowAndGenerationRegister) {
+TEST(Chip, PagesWindowGenerationRegisterAndIndirectAccess) {
   Board b;
   EXPECT_EQ(b.rd(0xFFFF01), 0x4Au);  // reset page: switch core
   b.wr(0x000010, 0x1111);
@@ -71,24 +71,9 @@ TEST(Chip, PagesWindowAndGenerationRegister) {
   EXPECT_EQ(b.rd(0x103FF0), 0x40000000u);
   b.wr(0xFFFF01, 0x4A);
   EXPECT_EQ(b.rd(0x103FF0), 0u);
-}
 
-TEST(Chip, ByteOrdersMeetInTheSameRegister) {
-  // I2C carries values least significant byte first, SPI most significant first: a value
-  // written over one transport reads back the same over the other and in the chip.
-  Board b;
-  b.wr(0x180048, 0x11223344);
-  ASSERT_EQ(usbio_use_spi(), 0);
-  EXPECT_EQ(b.rd(0x180048), 0x11223344u);
-  b.wr(0x180050, 0xA1B2C3D4);
-  EXPECT_EQ(sim::chip_read(0x4A180050), 0xA1B2C3D4u);
-  ASSERT_EQ(usbio_use_i2c(), 0);
-  EXPECT_EQ(b.rd(0x180050), 0xA1B2C3D4u);
-}
-
-// (The busy knob, counted poll for poll: RegCommand.IndirectAccessAndItsTimeOut.)
-TEST(Chip, IndirectAccessThroughTheCurrentPage) {
-  Board b;
+  // Indirect access goes through the current page. (The busy knob, counted poll for poll:
+  // RegCommand.IndirectAccessAndItsTimeOut.)
   b.wr(0xFFFF15, 0x600DF00D);  // write: data, then target | 0x3F000000
   b.wr(0xFFFF11, 0x3F180048);
   EXPECT_EQ(b.rd(0xFFFF11), 0xBF180048u);  // bit 31: done at once
@@ -102,8 +87,18 @@ TEST(Chip, IndirectAccessThroughTheCurrentPage) {
   EXPECT_EQ(sim::chip_read(0x42000300), 0u);
 }
 
-TEST(Chip, SmiIndirectSchemeAndMdioDevices) {
+TEST(Chip, TransportsMeetInTheSameRegistersAndMdioDevices) {
+  // I2C carries values least significant byte first, SPI most significant first: a value
+  // written over one transport reads back the same over the other and in the chip.
   Board b;
+  b.wr(0x180048, 0x11223344);
+  ASSERT_EQ(usbio_use_spi(), 0);
+  EXPECT_EQ(b.rd(0x180048), 0x11223344u);
+  b.wr(0x180050, 0xA1B2C3D4);
+  EXPECT_EQ(sim::chip_read(0x4A180050), 0xA1B2C3D4u);
+  ASSERT_EQ(usbio_use_i2c(), 0);
+  EXPECT_EQ(b.rd(0x180050), 0xA1B2C3D4u);
+  // The SMI indirect scheme reaches the same registers.
   ASSERT_EQ(usbio_use_smi(), 0);
   b.wr(0x180048, 0x12345678);
   EXPECT_EQ(sim::chip_read(0x4A180048), 0x12345678u);
