@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -49,7 +50,7 @@ struct Board {
     r.timeoutMs = timeoutMs;
     const ToolResult res = run_tool(r);
     if (err) *err = res.err;
-    if (killed) *killed = res.timedOut;
+    if (killed) *killed = res.timedOut || res.status == 128 + 9;   // by the timer, or by the board
     else EXPECT_EQ(res.status, 0) << line << "\n" << res.err;
     return res.out;
   }
@@ -175,7 +176,8 @@ TEST(ImageFlow, TransfersStayWithinTheirBudget) {
 }
 
 // A run killed at any moment leaves a flash that the same command, run again, brings to
-// the image.
+// the image; bytes an erase wiped outside the range come back from the journal, and only on
+// the board they were kept for.
 TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
   const std::string old = random_flash(8);
   const std::string image = random_bytes(0x80000, 9);
@@ -186,20 +188,58 @@ TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
     return dir + "/img.bin";
   }());
   const int whole = (int)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-  int kills = 0;
-  for (int part = 1; part <= 4; ++part) {
+  // Killed by time during an update from 0, or right after the n-th erase of a pgwithbase
+  // at an odd address (sector 15 with its head kept, block 1, sector 32 with its tail kept).
+  constexpr uint32_t kAt = 0xF8A3, kLen = 0x11234;
+  const std::string pg = "spi pgwithbase img.bin 0 0xF8A3 0x11234";
+  struct Kill {
+    std::string line;
+    int ms, afterErase;
+  };
+  std::vector<Kill> kills;
+  for (int part = 1; part <= 4; ++part) kills.push_back({"spi update img.bin", whole * part / 5, 0});
+  for (int n = 1; n <= 3; ++n) kills.push_back({pg, 60000, n});
+  int killed = 0;
+  for (const Kill &k : kills) {
     Board b(old);
     b.put("img.bin", image);
-    bool killed = false;
-    b.run("spi update img.bin", {}, whole * part / 5, &killed);
-    kills += killed;
-    const std::string out = b.run("spi update img.bin");
-    EXPECT_NE(out.find("Matched: Compare Image Length 524288\n"), std::string::npos) << part << "\n" << out;
-    const std::string flash = b.flash();
-    EXPECT_TRUE(flash.substr(0, image.size()) == image) << part;
-    EXPECT_TRUE(flash.substr(image.size()) == old.substr(image.size())) << part;
+    bool dead = false;
+    b.run(k.line, k.afterErase ? EnvVars{{"KIVTOOL_SIM_FLASH_KILL_ERASE", std::to_string(k.afterErase)}} : EnvVars{},
+          k.ms, &dead);
+    killed += dead;
+    const std::string journal = b.cwd + "/kivtool-flash-keep.bin";
+    if (k.afterErase == 1) {
+      // Another board (a copy of this one's state) leaves the journal alone.
+      ASSERT_EQ(system(("cp -r " + b.cwd + "/sim " + b.cwd + "/sim2").c_str()), 0);
+      std::string err;
+      b.run(pg, {{"KIVTOOL_SIM", b.cwd + "/sim2"}}, 60000, &dead, &err);
+      EXPECT_NE(err.find("kept for another board"), std::string::npos) << err;
+      EXPECT_EQ(read_file(b.cwd + "/sim2/flash.bin").substr(0xF000, kAt - 0xF000), std::string(kAt - 0xF000, '\xFF'));
+      EXPECT_TRUE(std::filesystem::exists(journal));
+    } else if (k.afterErase == 2) {
+      // A damaged journal is not replayed and not overwritten: the erase that needs it waits.
+      const std::string kept = read_file(journal), flash = b.flash();
+      write_file(journal, kept.substr(0, kept.size() - 1));
+      std::string err;
+      b.run(pg, {}, 60000, &dead, &err);
+      EXPECT_NE(err.find("is damaged (bad checksum): not replayed"), std::string::npos) << err;
+      EXPECT_NE(err.find("nothing erased"), std::string::npos) << err;
+      EXPECT_TRUE(b.flash() == flash);
+      write_file(journal, kept);
+    }
+    std::string err;
+    const std::string out = b.run(k.line, {}, 60000, nullptr, &err);
+    const size_t len = k.afterErase ? kLen : image.size();
+    EXPECT_NE(out.find("Matched: Compare Image Length " + std::to_string(len) + "\n"), std::string::npos) << k.line << "\n" << out;
+    if (k.afterErase) {
+      EXPECT_NE(err.find(" bytes kept by an interrupted write\n"), std::string::npos) << err;
+    }
+    std::string model = old;
+    model.replace(k.afterErase ? kAt : 0, len, image.substr(0, len));
+    EXPECT_TRUE(b.flash() == model) << k.line << " killed at " << k.ms << " ms / erase " << k.afterErase;
+    EXPECT_FALSE(std::filesystem::exists(journal));
   }
-  EXPECT_GE(kills, 2);
+  EXPECT_GE(killed, 5);
 }
 
 }  // namespace
