@@ -172,7 +172,7 @@ bool spi_flash_keep_save(std::span<const spi_flash_kept_piece_t> pieces, std::sp
     at += n;
   }
   put32(out, crc32(out.data(), out.size()));
-  const int fd = open(kTempFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = open(kTempFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   bool ok = fd >= 0 && write_all(fd, out.data(), out.size()) && fsync(fd) == 0;
   const int err = fd < 0 || !ok ? errno : 0;
   if (fd >= 0) ok = close(fd) == 0 && ok;

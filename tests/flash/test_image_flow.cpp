@@ -210,7 +210,7 @@ TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
     const std::string journal = b.cwd + "/kivtool-flash-keep.bin";
     if (k.afterErase == 1) {
       // Another board (a copy of this one's state) leaves the journal alone.
-      ASSERT_EQ(system(("cp -r " + b.cwd + "/sim " + b.cwd + "/sim2").c_str()), 0);
+      std::filesystem::copy(b.cwd + "/sim", b.cwd + "/sim2", std::filesystem::copy_options::recursive);
       std::string err;
       b.run(pg, {{"KIVTOOL_SIM", b.cwd + "/sim2"}}, 60000, &dead, &err);
       EXPECT_NE(err.find("kept for another board"), std::string::npos) << err;
