@@ -249,6 +249,12 @@ void usbio_identity_opened(unsigned busnum, unsigned devnum) {
   }
 }
 
+bool usbio_identity_kept(const char **port, const char **serial) {
+  *port = g_id.port.data();
+  *serial = g_id.serial.data();
+  return g_id.bound;
+}
+
 void usbio_identity_missing(int matches) {
   if (matches < 0) return;
   std::array<char, 384> present{};

@@ -46,6 +46,8 @@ bool usbio_target_ready(void);
 // Called after an open: keeps the identity of the adapter at bus/dev when it was the first
 // one, and says on standard error which one was taken when several were there.
 void usbio_identity_opened(unsigned busnum, unsigned devnum);
+// The port path and serial ("" when none) kept after the first open; false before it.
+bool usbio_identity_kept(const char **port, const char **serial);
 // Called when the open found nothing to take: one line on standard error (not repeated
 // while the situation stays the same) names what was looked for and what is there.
 void usbio_identity_missing(int matches);

@@ -1,6 +1,7 @@
 // Serial NOR flash model: opcodes, write-enable latch, busy time, protection, page wrap.
 #include "sim/sim_norflash.h"
 
+#include <csignal>
 #include <chrono>
 #include <cstring>
 
@@ -65,6 +66,8 @@ void NorFlash::program(uint32_t addr, const uint8_t *data, size_t len) {
 void NorFlash::erase(uint32_t addr, uint32_t size) {
   uint32_t base = addr & ~(size - 1) & (kSize - 1);
   std::memset(mem + base, 0xFF, size);
+  // The image is a shared mapping of flash.bin: the erase is in the file before the kill.
+  if (killAfterErase > 0 && ++erases_ == killAfterErase) std::raise(SIGKILL);
 }
 
 bool NorFlash::transfer(const uint8_t *tx, size_t txLen, uint8_t *rx, size_t rxLen, unsigned lines) {

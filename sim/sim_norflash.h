@@ -33,6 +33,9 @@ struct NorFlash {
   // that wait instead of polling). Negative: that way never ends the operation.
   long busyPolls = 1;
   long busyMs = 20;
+  // The n-th erase of the run (from 1) is the last thing the host does: the process is
+  // killed right after it, as a power cut would stop it. 0: never.
+  long killAfterErase = 0;
 
   // Runs one chip-select cycle. tx holds the opcode, address and data the controller
   // sends; rx receives rxLen bytes clocked in afterwards on `lines` data lines (1, 2, 4).
@@ -48,6 +51,7 @@ struct NorFlash {
   long pollsLeft_ = 0;
   int64_t busyUntilUs_ = 0;
   bool wip_ = false;
+  long erases_ = 0;
 
   void start_busy();
   void program(uint32_t addr, const uint8_t *data, size_t len);

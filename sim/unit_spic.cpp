@@ -200,6 +200,7 @@ void spic_reset() {
   g.nor = NorFlash{};
   g.nor.busyPolls = knob("FLASH_WIP", 1);
   g.nor.busyMs = knob("FLASH_WIP_MS", 20);
+  g.nor.killAfterErase = knob("FLASH_KILL_ERASE", 0);
   g.nor.status = (uint8_t)store_get(kKeyStatus);
   g.nor.config = (uint8_t)store_get(kKeyConfig);
   // Power-on values of the board, set once for a new state directory.

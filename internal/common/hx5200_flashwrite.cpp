@@ -11,7 +11,7 @@
 // goes on while a fair share of sectors is equal.
 //
 // Write, one erase unit (sector, or 64 KiB block when all 16 of its sectors need an erase)
-// at a time so that kept bytes spend as little time as possible only in memory: erase,
+// at a time so that kept bytes spend as little time as possible off the flash: erase,
 // then program the runs that differ from what the flash holds (0xFF after an erase, so an
 // all-0xFF page is never programmed). A sector whose differing bytes are all 0xFF on the
 // flash only loses bits: its differing pages are programmed without an erase.
@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "access/usbio.h"
+#include "internal/common/hx5200_flashkeep.h"
 #include "internal/common/hx5200_spiflash.h"
 
 namespace {
@@ -299,6 +300,9 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
     return rc;
   };
 
+  // Bytes kept by a write that was cut off go back first.
+  if (int32_t rc = spi_flash_keep_replay(); rc != 0) return done(rc);
+
   // Scan.
   w.at = base;
   if (int32_t rc = read_quietly(scan_next, &w); rc != 0) return done(rc);
@@ -335,6 +339,8 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
       std::memcpy(w.want.data() + w.idx(a), kept.into.data() + at, n);
       at += n;
     }
+    // Until they are back and read back equal they live in the journal too.
+    if (!spi_flash_keep_save(kept.pieces, kept.into)) return done(-1);
   }
 
   // Write, erase unit by erase unit.
@@ -382,7 +388,10 @@ int32_t spi_flash_write_range(uint32_t base, const uint8_t *data, uint32_t len, 
   report->inPlace = len;
   if (check.pieces.empty()) return done(0);   // nothing written: the scan compared it all
 
-  // Check.
+  // Check. The kept bytes lie in erased sectors, which it reads back whole; after a failure
+  // the journal stays for the next run.
   if (int32_t rc = read_quietly(check_next, &check); rc != 0) return done(rc);
-  return done(check.bad ? -1 : 0);
+  if (check.bad) return done(-1);
+  if (!kept.pieces.empty()) spi_flash_keep_drop();
+  return done(0);
 }

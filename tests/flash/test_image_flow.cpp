@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdio>
 #include <algorithm>
+#include <cstring>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -129,7 +131,8 @@ TEST(ImageFlow, TransfersStayWithinTheirBudget) {
 }
 
 // A run killed at any moment leaves a flash that the same command, run again, brings to
-// the image.
+// the image; bytes an erase wiped outside the range come back from the journal, and only on
+// the board they were kept for.
 TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
   const std::string old = random_flash(8);
   const std::string image = random_bytes(0x80000, 9);
@@ -138,22 +141,67 @@ TEST(ImageFlow, AKilledRunIsRepairedByTheNextOne) {
   const auto t0 = std::chrono::steady_clock::now();
   timed.run("spi update img.bin\n");
   const int whole = (int)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-  int kills = 0;
-  for (int part = 1; part <= 4; ++part) {
+  // Killed by time during an update from 0, or right after the n-th erase of a pgwithbase
+  // at an odd address (sector 15 with its head kept, block 1, sector 32 with its tail kept).
+  constexpr uint32_t kAt = 0xF8A3, kLen = 0x11234;
+  const std::string pg = "spi pgwithbase img.bin 0 0xF8A3 0x11234\n";
+  struct Kill {
+    std::string line;
+    int ms, afterErase;
+  };
+  std::vector<Kill> kills;
+  for (int part = 1; part <= 4; ++part) kills.push_back({"spi update img.bin\n", whole * part / 5, 0});
+  for (int n = 1; n <= 3; ++n) kills.push_back({pg, 60000, n});
+  // A run that may end early: cut by the timer, or killed by the board after an erase.
+  auto cut = [](const Bench &b, const std::string &line, int ms, EnvVars env, std::string *err = nullptr) {
+    ToolRun r;
+    r.input = line;
+    r.cwd = b.cwd;
+    r.env = std::move(env);
+    r.timeoutMs = ms;
+    const ToolResult res = run_tool(r);
+    if (err) *err = res.err;
+    return res.timedOut || res.status == 128 + 9;
+  };
+  int killed = 0;
+  for (const Kill &k : kills) {
     Bench b(old);
     b.put("img.bin", image);
-    ToolRun cut;   // stopped after a fifth, two fifths, ... of the time a whole run takes
-    cut.input = "spi update img.bin\n";
-    cut.cwd = b.cwd;
-    cut.timeoutMs = whole * part / 5;
-    kills += run_tool(cut).timedOut;
-    const std::string out = b.run("spi update img.bin\n");
-    EXPECT_NE(out.find("Matched: Compare Image Length 524288\n"), std::string::npos) << part << "\n" << out;
-    const std::string flash = b.flash();
-    EXPECT_TRUE(flash.substr(0, image.size()) == image) << part;
-    EXPECT_TRUE(flash.substr(image.size()) == old.substr(image.size())) << part;
+    killed += cut(b, k.line, k.ms,
+                  k.afterErase ? EnvVars{{"KIVTOOL_SIM_FLASH_KILL_ERASE", std::to_string(k.afterErase)}} : EnvVars{});
+    const std::string journal = b.cwd + "/kivtool-flash-keep.bin";
+    if (k.afterErase == 1) {
+      // Another board (a copy of this one's state) leaves the journal alone.
+      std::filesystem::copy(b.cwd + "/sim", b.cwd + "/sim2", std::filesystem::copy_options::recursive);
+      std::string err;
+      cut(b, pg, 60000, {{"KIVTOOL_SIM", b.cwd + "/sim2"}}, &err);
+      EXPECT_NE(err.find("kept for another board"), std::string::npos) << err;
+      EXPECT_EQ(read_file(b.cwd + "/sim2/flash.bin").substr(0xF000, kAt - 0xF000), std::string(kAt - 0xF000, '\xFF'));
+      EXPECT_TRUE(std::filesystem::exists(journal));
+    } else if (k.afterErase == 2) {
+      // A damaged journal is not replayed and not overwritten: the erase that needs it waits.
+      const std::string kept = read_file(journal), flash = b.flash();
+      write_file(journal, kept.substr(0, kept.size() - 1));
+      std::string err;
+      cut(b, pg, 60000, {}, &err);
+      EXPECT_NE(err.find("is damaged (bad checksum): not replayed"), std::string::npos) << err;
+      EXPECT_NE(err.find("nothing erased"), std::string::npos) << err;
+      EXPECT_TRUE(b.flash() == flash);
+      write_file(journal, kept);
+    }
+    std::string err;
+    const std::string out = b.run(k.line, {}, &err);
+    const size_t len = k.afterErase ? kLen : image.size();
+    EXPECT_NE(out.find("Matched: Compare Image Length " + std::to_string(len) + "\n"), std::string::npos) << k.line << "\n" << out;
+    if (k.afterErase) {
+      EXPECT_NE(err.find(" bytes kept by an interrupted write\n"), std::string::npos) << err;
+    }
+    std::string model = old;
+    model.replace(k.afterErase ? kAt : 0, len, image.substr(0, len));
+    EXPECT_TRUE(b.flash() == model) << k.line << " killed at " << k.ms << " ms / erase " << k.afterErase;
+    EXPECT_FALSE(std::filesystem::exists(journal));
   }
-  EXPECT_GE(kills, 2);
+  EXPECT_GE(killed, 5);
 }
 
 }  // namespace
