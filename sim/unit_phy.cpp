@@ -11,6 +11,8 @@ namespace sim {
 namespace {
 
 // ---- registers (decoded chip addresses) ---------------------------------------------------
+// The board keeps its own copy of these addresses on purpose: sharing the tool's header
+// would let a wrong address in the tool pass its tests against the board.
 constexpr uint32_t kPhyCmd = 0x4A18004Cu;
 constexpr uint32_t kPhyAux = 0x4A180050u;
 constexpr uint32_t kMdxPhyId = 0x4A450044u;
